@@ -1,6 +1,9 @@
 #include "platform/ValueForm.h"
 
+#include <charconv>
+
 #include "platform/Error.h"
+#include "platform/PathComponent.h"
 
 namespace Platform {
 
@@ -98,6 +101,29 @@ const std::string& ValueForm::field( std::string_view name ) const {
     }
     throw DeserializationError( attribute_,
                                 "missing field '" + std::string( name ) + "'" );
+}
+
+uint32_t parseU32Field( std::string_view text, std::string_view attribute ) {
+    uint32_t v = 0;
+    auto [end, ec] = std::from_chars( text.data(), text.data() + text.size(), v );
+    if ( text.empty() || ec != std::errc() || end != text.data() + text.size() ) {
+        throw DeserializationError(
+            std::string( attribute ),
+            "'" + printableName( text ) + "' is not a 32-bit unsigned number" );
+    }
+    return v;
+}
+
+bool parseBoolField( std::string_view text, std::string_view attribute ) {
+    if ( text == "true" ) {
+        return true;
+    }
+    if ( text == "false" ) {
+        return false;
+    }
+    throw DeserializationError(
+        std::string( attribute ),
+        "expected true or false, got '" + printableName( text ) + "'" );
 }
 
 }  // namespace Platform

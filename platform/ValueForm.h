@@ -5,6 +5,7 @@
 // fields' own string forms; they may themselves be value forms.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -39,5 +40,10 @@ class ValueForm {
     std::string attribute_;
     std::vector<std::pair<std::string, std::string>> fields_;
 };
+
+// Scalar field values; anything else raises DeserializationError naming
+// `attribute`.
+uint32_t parseU32Field( std::string_view text, std::string_view attribute );
+bool parseBoolField( std::string_view text, std::string_view attribute );
 
 }  // namespace Platform

@@ -14,29 +14,6 @@ namespace {
 
 constexpr std::string_view kType = "Cspf::PathConfig";
 
-uint32_t parseU32( const std::string& text, const char* attribute ) {
-    uint32_t v = 0;
-    auto [end, ec] = std::from_chars( text.data(), text.data() + text.size(), v );
-    if ( text.empty() || ec != std::errc() || end != text.data() + text.size() ) {
-        throw Platform::DeserializationError(
-            attribute,
-            "'" + Platform::printableName( text ) + "' is not a 32-bit unsigned number" );
-    }
-    return v;
-}
-
-bool parseBool( const std::string& text, const char* attribute ) {
-    if ( text == "true" ) {
-        return true;
-    }
-    if ( text == "false" ) {
-        return false;
-    }
-    throw Platform::DeserializationError(
-        attribute,
-        "expected true or false, got '" + Platform::printableName( text ) + "'" );
-}
-
 }  // namespace
 
 PathConfig::PathConfig( std::string_view text ) {
@@ -47,8 +24,9 @@ PathConfig::PathConfig( std::string_view text ) {
             "expected the fields key, refreshReqSeq, autoUpdate and constraint" );
     }
     key = PathKey( form.field( "key" ) );
-    refreshReqSeq = parseU32( form.field( "refreshReqSeq" ), "refreshReqSeq" );
-    autoUpdate = parseBool( form.field( "autoUpdate" ), "autoUpdate" );
+    refreshReqSeq =
+        Platform::parseU32Field( form.field( "refreshReqSeq" ), "refreshReqSeq" );
+    autoUpdate = Platform::parseBoolField( form.field( "autoUpdate" ), "autoUpdate" );
     constraint = PathConstraint( form.field( "constraint" ) );
 }
 

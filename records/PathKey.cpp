@@ -14,17 +14,6 @@ namespace {
 
 constexpr std::string_view kType = "Cspf::PathKey";
 
-uint32_t parseU32( const std::string& text, const char* attribute ) {
-    uint32_t v = 0;
-    auto [end, ec] = std::from_chars( text.data(), text.data() + text.size(), v );
-    if ( text.empty() || ec != std::errc() || end != text.data() + text.size() ) {
-        throw Platform::DeserializationError(
-            attribute,
-            "'" + Platform::printableName( text ) + "' is not a 32-bit unsigned number" );
-    }
-    return v;
-}
-
 }  // namespace
 
 PathKey::PathKey( std::string_view text ) {
@@ -34,7 +23,7 @@ PathKey::PathKey( std::string_view text ) {
                                               "expected the fields destination and id" );
     }
     destination = Net::IpGenAddr::parse( form.field( "destination" ), "destination" );
-    id = parseU32( form.field( "id" ), "id" );
+    id = Platform::parseU32Field( form.field( "id" ), "id" );
 }
 
 PathKey PathKey::fromRecord( const void* record, std::string_view attribute ) {
