@@ -199,7 +199,19 @@ std::unique_ptr<SignalWatch> EventLoop::watchSignal( int signo,
     return sw;
 }
 
+void EventLoop::doRoundEnd() {
+    // Callbacks may queue more: run until none is left.
+    while ( !roundEnd_.empty() ) {
+        std::vector<std::function<void()>> batch;
+        batch.swap( roundEnd_ );
+        for ( auto& fn : batch ) {
+            fn();
+        }
+    }
+}
+
 int EventLoop::runOnce( int timeoutMs ) {
+    doRoundEnd();  // queued outside a round: before blocking
     epoll_event events[kBatch];
     int n = epoll_wait( epfd_, events, kBatch, timeoutMs );
     if ( n < 0 ) {
@@ -237,6 +249,7 @@ int EventLoop::runOnce( int timeoutMs ) {
         ++dispatched_;
         ( *handler )( events[i].events );
     }
+    doRoundEnd();
     return ran;
 }
 

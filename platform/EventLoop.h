@@ -90,6 +90,14 @@ class EventLoop {
     // Runs rounds until stop(). A stop() made before run() makes it return at
     // once; the request is consumed either way.
     void run();
+    // Runs `fn` once, after the handlers of the current round (or before the
+    // next wait when queued outside a round). Table writers ring their
+    // readers' bell this way once per round instead of once per change.
+    void runAtRoundEnd( std::function<void()> fn ) {
+        roundEnd_.push_back( std::move( fn ) );
+    }
+    // Runs what runAtRoundEnd queued; also called by runOnce.
+    void doRoundEnd();
     void stop() { stopRequested_ = true; }
     bool stopRequested() const { return stopRequested_; }
 
@@ -126,6 +134,7 @@ class EventLoop {
     // Handlers of watches destroyed during a dispatch, freed when it ends.
     std::vector<std::unique_ptr<FdWatch::Handler>> parked_;
     std::vector<int> signals_;
+    std::vector<std::function<void()>> roundEnd_;
 };
 
 }  // namespace Platform
