@@ -1,0 +1,561 @@
+// Hostile table files: a sound table with random bytes of its header, ring,
+// index or heap corrupted (or cut short) is attached by a reader, synced, read
+// key by key and iterated; only Platform::Error may come out. A writer over
+// such a file either starts from a sound table or refuses with an Error.
+//
+// The iterations run in child processes, a batch each, so that a crash, a
+// sanitizer report or a hang fails the test with the iteration that caused
+// it; an iteration is replayed from its seed.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <memory>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/Error.h"
+#include "platform/ShmTable.h"
+
+using namespace Platform;
+
+namespace {
+
+struct Key {
+    uint32_t id;
+    uint32_t pad = 0;
+};
+
+constexpr uint32_t kMaxValue = 2048;
+
+TableLayout layout() {
+    return TableLayout{ "Test::Fuzz", tableLayoutHash( "Test::Fuzz:key u32:value bytes" ),
+                        sizeof( Key ), kMaxValue };
+}
+
+double monoNow() {
+    timespec ts;
+    clock_gettime( CLOCK_MONOTONIC, &ts );
+    return static_cast<double>( ts.tv_sec ) + static_cast<double>( ts.tv_nsec ) * 1e-9;
+}
+
+// Where the file keeps what the corruption aims at (docs/state-tree.md).
+struct Field {
+    uint32_t offset;
+    uint32_t width;
+};
+constexpr Field kHeaderFields[] = {
+    { 8, 4 },            // format
+    { 12, 4 },           // headerSize
+    { 16, 8 },           // typeName
+    { 80, 8 },           // layoutHash
+    { 88, 4 },           // keySize
+    { 92, 4 },           // maxValueSize
+    { 96, 8 },           // fileSize
+    { 104, 8 },          // ringOffset
+    { 112, 4 },          // ringCapacity
+    { 116, 4 },          // slotSize
+    { 120, 8 },          // indexOffset
+    { 128, 4 },          // indexCapacity
+    { 132, 4 },          // writerPid
+    { 136, 8 },          // heapOffset
+    { 144, 8 },          // heapEnd
+    { 152, 8 },          // tableId
+    { 160, 8 },          // changeSeq
+    { 168, 4 },          // replaced
+    { 172, 4 },          // liveCount
+    { 176, 4 },          // tombstones
+    { 184, 8 },          // heapTop
+    { 192, 8 },          // freeList[0]
+    { 192 + 8 * 6, 8 },  // freeList[6]
+    { 192 + 8 * 33, 8 },
+    { 192 + 8 * 42, 8 },
+    { 536, 1 },  // bell
+};
+constexpr Field kSlotFields[] = { { 0, 8 },  { 8, 8 },  { 16, 8 }, { 24, 4 },
+                                  { 28, 4 }, { 32, 8 }, { 40, 4 } };
+constexpr Field kRingFields[] = { { 0, 8 }, { 8, 4 } };
+
+template <typename T>
+T load( const std::vector<uint8_t>& f, size_t at ) {
+    T v{};
+    if ( at + sizeof( T ) <= f.size() ) {
+        std::memcpy( &v, f.data() + at, sizeof( T ) );
+    }
+    return v;
+}
+
+// Damages `f` as the seeded `rng` says; returns what it did.
+std::string corrupt( std::vector<uint8_t>& f, std::mt19937_64& rng ) {
+    const uint64_t ringOffset = load<uint64_t>( f, 104 );
+    const uint32_t ringCap = load<uint32_t>( f, 112 ),
+                   slotSize = load<uint32_t>( f, 116 );
+    const uint64_t indexOffset = load<uint64_t>( f, 120 );
+    const uint32_t indexCap = load<uint32_t>( f, 128 );
+    const uint64_t heapOffset = load<uint64_t>( f, 136 );
+    const uint64_t interesting[] = { 0,
+                                     1,
+                                     2,
+                                     3,
+                                     0x7f,
+                                     0x80,
+                                     0xff,
+                                     0x7fffffff,
+                                     0x80000000,
+                                     0x80000001,
+                                     0xffffffff,
+                                     1ull << 32,
+                                     1ull << 63,
+                                     ~0ull,
+                                     f.size(),
+                                     f.size() - 1,
+                                     heapOffset,
+                                     heapOffset - 1,
+                                     indexOffset,
+                                     kMaxValue,
+                                     kMaxValue + 1 };
+    std::string what;
+    auto overwrite = [&]( uint64_t at, uint32_t width ) {
+        uint64_t v = rng() % 3 ? interesting[rng() % std::size( interesting )] : rng();
+        if ( rng() % 4 == 0 ) {
+            v = load<uint64_t>( f, at ) + ( rng() % 2 ? 1 : -1 );
+        }
+        width = static_cast<uint32_t>( std::min<uint64_t>( width, f.size() - at ) );
+        std::memcpy( f.data() + at, &v, width );
+        what += " [" + std::to_string( at ) + "+" + std::to_string( width ) +
+                "]=" + std::to_string( v );
+    };
+    auto scribble = [&]( uint64_t from, uint64_t to ) {
+        const uint64_t at = from + rng() % std::max<uint64_t>( to - from, 1 );
+        if ( at < f.size() ) {
+            const uint8_t old = f[at];
+            f[at] = rng() % 2 ? static_cast<uint8_t>( rng() ) : old ^ ( 1u << rng() % 8 );
+            what += " byte " + std::to_string( at ) + " " + std::to_string( old ) + "->" +
+                    std::to_string( f[at] );
+        }
+    };
+    const int edits = 1 + static_cast<int>( rng() % 6 );
+    for ( int e = 0; e < edits; ++e ) {
+        switch ( rng() % 4 ) {
+            case 0:  // header
+                if ( rng() % 2 ) {
+                    const Field fl = kHeaderFields[rng() % std::size( kHeaderFields )];
+                    overwrite( fl.offset, fl.width );
+                } else {
+                    scribble( 0, 544 );
+                }
+                break;
+            case 1: {  // ring
+                const Field fl = kRingFields[rng() % std::size( kRingFields )];
+                const uint64_t entry =
+                    ringOffset + ( rng() % std::max( ringCap, 1u ) ) * 16;
+                if ( rng() % 2 && entry + 16 <= f.size() ) {
+                    overwrite( entry + fl.offset, fl.width );
+                } else {
+                    scribble( ringOffset, indexOffset );
+                }
+                break;
+            }
+            case 2: {  // index
+                const Field fl = kSlotFields[rng() % std::size( kSlotFields )];
+                const uint64_t slot = indexOffset + ( rng() % std::max( indexCap, 1u ) ) *
+                                                        uint64_t( slotSize );
+                if ( rng() % 3 && slot + slotSize <= f.size() ) {
+                    overwrite( slot + fl.offset, fl.width );
+                } else {
+                    scribble( indexOffset, heapOffset );
+                }
+                break;
+            }
+            default:  // heap
+                scribble( heapOffset, f.size() );
+                break;
+        }
+    }
+    if ( rng() % 10 == 0 ) {
+        const size_t len = rng() % 2 ? rng() % 4096 : rng() % f.size();
+        f.resize( len );
+        what += " truncated to " + std::to_string( len );
+    } else if ( rng() % 30 == 0 ) {
+        f.resize( f.size() + 4096, 0x5a );
+        what += " extended by 4096";
+    }
+    return what;
+}
+
+bool put( ShmTableWriter& w, uint32_t id, const std::string& v ) {
+    Key k{ id };
+    return w.set( &k, v.data(), static_cast<uint32_t>( v.size() ) );
+}
+
+// File offset of the live slot that holds `id`; 0 when none.
+uint64_t slotOf( const std::vector<uint8_t>& f, uint32_t id ) {
+    const uint64_t indexOffset = load<uint64_t>( f, 120 );
+    const uint32_t slotSize = load<uint32_t>( f, 116 ),
+                   capacity = load<uint32_t>( f, 128 );
+    for ( uint32_t i = 0; i < capacity; ++i ) {
+        const uint64_t slot = indexOffset + uint64_t( i ) * slotSize;
+        if ( load<uint32_t>( f, slot + 28 ) == 1 &&
+             load<uint32_t>( f, slot + 40 ) == id ) {
+            return slot;
+        }
+    }
+    return 0;
+}
+
+std::vector<uint8_t> readFile( const std::string& path ) {
+    std::ifstream in( path, std::ios::binary );
+    return std::vector<uint8_t>( std::istreambuf_iterator<char>( in ), {} );
+}
+
+// Reads a damaged table every way a reader can; only Error may come out.
+void readAll( const std::string& path, const std::set<uint32_t>& ids ) {
+    std::unique_ptr<ShmTableReader> r;
+    try {
+        r = std::make_unique<ShmTableReader>( path, layout() );
+    } catch ( const Error& ) {
+        return;
+    }
+    std::vector<uint8_t> v;
+    auto read = [&]( const void* key ) {
+        try {
+            r->get( key, v );
+            r->has( key );
+        } catch ( const Error& ) {
+        }
+    };
+    try {
+        r->sync( read );
+    } catch ( const Error& ) {
+    }
+    for ( uint32_t id : ids ) {
+        const Key k{ id };
+        read( &k );
+    }
+    const auto versions = r->versions();  // the keys the reader iterates
+    for ( const auto& [key, version] : versions ) {
+        read( key.data() );
+    }
+    try {
+        r->sync( read );
+    } catch ( const Error& ) {
+    }
+}
+
+// Attaches a writer to a damaged table: it either refuses with an Error or
+// ends up with a sound table. Returns what is wrong, empty when nothing.
+std::string writeAfter( const std::string& path ) {
+    std::unique_ptr<ShmTableWriter> w;
+    try {
+        w = std::make_unique<ShmTableWriter>( path, layout() );
+    } catch ( const Error& ) {
+        return {};
+    }
+    try {
+        std::vector<Key> keys;
+        w->forEach( [&]( const uint8_t* key, const uint8_t*, uint32_t len ) {
+            Key k;
+            std::memcpy( &k, key, sizeof( k ) );
+            keys.push_back( k );
+            if ( len > kMaxValue ) {
+                throw std::runtime_error( "kept a value of " + std::to_string( len ) );
+            }
+        } );
+        if ( keys.size() != w->size() ) {
+            return "size " + std::to_string( w->size() ) + " but " +
+                   std::to_string( keys.size() ) + " records";
+        }
+        ShmTableReader r( path, layout() );
+        for ( const Key& k : keys ) {
+            std::vector<uint8_t> a, b;
+            if ( !w->get( &k, a ) || !r.get( &k, b ) || a != b ) {
+                return "record " + std::to_string( k.id ) + " reads differently";
+            }
+        }
+        for ( const Key& k : keys ) {
+            w->del( &k );
+            if ( w->has( &k ) ) {
+                return "record " + std::to_string( k.id ) +
+                       " still there after its removal";
+            }
+        }
+        put( *w, 1, "after" );
+        r.sync( {} );
+        const Key one{ 1 };
+        std::vector<uint8_t> v;
+        if ( !r.get( &one, v ) || std::string( v.begin(), v.end() ) != "after" ) {
+            return "a new record is not readable";
+        }
+    } catch ( const Error& e ) {
+        return std::string( "the table it kept is unsound: " ) + e.what();
+    }
+    return {};
+}
+
+class ShmTableFuzzTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        char tmpl[] = "/dev/shm/shmfuzztest-XXXXXX";
+        ASSERT_NE( mkdtemp( tmpl ), nullptr );
+        dir_ = tmpl;
+        path_ = dir_ + "/t/table";
+        std::filesystem::create_directory( dir_ + "/t" );
+    }
+    void TearDown() override { std::filesystem::remove_all( dir_ ); }
+
+    // A sound table: `n` records of varied sizes, some removed, and more
+    // changes than the ring holds when `churn`.
+    std::vector<uint8_t> makeTemplate( uint32_t n, bool churn, std::set<uint32_t>& ids ) {
+        std::filesystem::remove_all( dir_ + "/t" );
+        std::filesystem::create_directory( dir_ + "/t" );
+        {
+            ShmTableWriter w( path_, layout() );
+            std::mt19937 rng( n );
+            for ( int round = 0; round < ( churn ? 8 : 1 ); ++round ) {
+                for ( uint32_t id = 0; id < n; ++id ) {
+                    const uint32_t len = rng() % 4 == 0 ? rng() % kMaxValue : rng() % 100;
+                    put( w, id, std::string( len, static_cast<char>( 'a' + id % 26 ) ) );
+                    ids.insert( id );
+                }
+            }
+            for ( uint32_t id = 0; id < n; id += 5 ) {
+                w.del( &(const Key&)Key{ id } );
+            }
+        }
+        return readFile( path_ );
+    }
+
+    bool writeFile( const std::vector<uint8_t>& bytes ) {
+        std::error_code ec;
+        std::filesystem::remove_all( dir_ + "/t", ec );
+        std::filesystem::create_directory( dir_ + "/t", ec );
+        int fd = ::open( path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600 );
+        bool ok = fd >= 0 && ::write( fd, bytes.data(), bytes.size() ) ==
+                                 static_cast<ssize_t>( bytes.size() );
+        ::close( fd );
+        return ok;
+    }
+
+    // Runs `fn` in a child that reports the iteration it is in through a
+    // pipe. Returns the last iteration begun and how the child ended: its
+    // exit code, -SIGNAL, or -1000 when an iteration hung.
+    std::pair<int, int> runChild( const std::function<int( int progressFd )>& fn,
+                                  double secondsPerIteration ) {
+        int fds[2];
+        if ( pipe2( fds, O_CLOEXEC ) != 0 ) {
+            return { -1, -2000 };
+        }
+        fflush( nullptr );
+        const pid_t pid = fork();
+        if ( pid == 0 ) {
+            ::close( fds[0] );
+            int code = 90;
+            try {
+                code = fn( fds[1] );
+            } catch ( const std::exception& e ) {
+                fprintf( stderr, "escaped: %s\n", e.what() );
+                code = 91;
+            } catch ( ... ) {
+                code = 92;
+            }
+            _exit( code );
+        }
+        ::close( fds[1] );
+        int last = -1, got;
+        double deadline = monoNow() + secondsPerIteration;
+        bool hung = false;
+        for ( ;; ) {
+            pollfd pfd{ fds[0], POLLIN, 0 };
+            const int left = static_cast<int>( ( deadline - monoNow() ) * 1000 );
+            if ( left <= 0 ) {
+                hung = true;
+                break;
+            }
+            if ( poll( &pfd, 1, left ) <= 0 ) {
+                continue;
+            }
+            if ( ::read( fds[0], &got, sizeof( got ) ) != sizeof( got ) ) {
+                break;  // the child ended
+            }
+            last = got;
+            deadline = monoNow() + secondsPerIteration;
+        }
+        ::close( fds[0] );
+        if ( hung ) {
+            kill( pid, SIGKILL );
+        }
+        int status = 0;
+        waitpid( pid, &status, 0 );
+        if ( hung ) {
+            return { last, -1000 };
+        }
+        return { last,
+                 WIFEXITED( status ) ? WEXITSTATUS( status ) : -WTERMSIG( status ) };
+    }
+
+    std::string dir_;
+    std::string path_;
+};
+
+TEST_F( ShmTableFuzzTest, DamagedTablesGiveErrorsNeverCrashes ) {
+    constexpr uint64_t kSeed = 0x5eed'2024;
+    constexpr int kIterations = 3000, kBatch = 250;
+    std::vector<std::vector<uint8_t>> templates;
+    std::vector<std::set<uint32_t>> ids( 3 );
+    templates.push_back( makeTemplate( 24, false, ids[0] ) );
+    templates.push_back( makeTemplate( 300, true, ids[1] ) );
+    templates.push_back( makeTemplate( 0, false, ids[2] ) );
+    for ( const auto& t : templates ) {
+        ASSERT_GT( t.size(), 4096u );
+    }
+
+    for ( int first = 0; first < kIterations; first += kBatch ) {
+        const auto [last, code] = runChild(
+            [&]( int progress ) {
+                for ( int i = first; i < first + kBatch; ++i ) {
+                    std::mt19937_64 rng( kSeed + static_cast<uint64_t>( i ) );
+                    const size_t t = rng() % templates.size();
+                    std::vector<uint8_t> bytes = templates[t];
+                    corrupt( bytes, rng );
+                    if ( !writeFile( bytes ) ) {
+                        return 2;
+                    }
+                    if ( ::write( progress, &i, sizeof( i ) ) != sizeof( i ) ) {
+                        return 2;
+                    }
+                    readAll( path_, ids[t] );
+                    const std::string wrong = writeAfter( path_ );
+                    if ( !wrong.empty() ) {
+                        fprintf( stderr, "iteration %d: writer: %s\n", i, wrong.c_str() );
+                        return 3;
+                    }
+                }
+                return 0;
+            },
+            20 );
+        if ( code != 0 ) {
+            std::mt19937_64 rng( kSeed + static_cast<uint64_t>( last ) );
+            const size_t t = rng() % templates.size();
+            std::vector<uint8_t> bytes = templates[t];
+            const std::string what = corrupt( bytes, rng );
+            FAIL() << "iteration " << last << " (template " << t << "," << what << ") "
+                   << ( code == -1000 ? "hung"
+                        : code < 0    ? "crashed with signal " + std::to_string( -code )
+                                   : "failed with exit code " + std::to_string( code ) );
+        }
+    }
+}
+
+// A record whose length says more than 2 GiB.
+TEST_F( ShmTableFuzzTest, WriterOverAnAbsurdRecordLengthDoesNotHang ) {
+    std::set<uint32_t> ids;
+    std::vector<uint8_t> bytes = makeTemplate( 8, false, ids );
+    const uint64_t slot = slotOf( bytes, 3 );
+    ASSERT_NE( slot, 0u );
+    const uint32_t huge = 0x80000001;
+    std::memcpy( bytes.data() + slot + 24, &huge, 4 );
+    ASSERT_TRUE( writeFile( bytes ) );
+    const auto [last, code] = runChild(
+        [&]( int ) {
+            readAll( path_, ids );
+            const std::string wrong = writeAfter( path_ );
+            return wrong.empty() ? 0 : 3;
+        },
+        10 );
+    EXPECT_EQ( code, 0 ) << ( code == -1000 ? "hung" : "failed" );
+}
+
+// Two live records with one key, as a damaged index may hold them.
+TEST_F( ShmTableFuzzTest, WriterKeepsOneRecordPerKey ) {
+    std::set<uint32_t> ids;
+    std::vector<uint8_t> bytes = makeTemplate( 4, false, ids );  // 1, 2, 3 live
+    const uint64_t slot = slotOf( bytes, 3 );
+    ASSERT_NE( slot, 0u );
+    const uint32_t two = 2;
+    std::memcpy( bytes.data() + slot + 40, &two, 4 );
+    ASSERT_TRUE( writeFile( bytes ) );
+    EXPECT_EQ( writeAfter( path_ ), "" );
+}
+
+// One value outside the heap, as a damaged writer may leave it: that record
+// reads as corrupt, and the rest of the table stays readable and notified.
+TEST_F( ShmTableFuzzTest, OneBadRecordDoesNotHideTheRest ) {
+    ShmTableWriter w( path_, layout() );
+    for ( uint32_t id = 1; id <= 3; ++id ) {
+        put( w, id, "value" );
+    }
+    w.flush();
+    const std::vector<uint8_t> bytes = readFile( path_ );
+    const uint64_t slot = slotOf( bytes, 2 );
+    ASSERT_NE( slot, 0u );
+    const uint64_t outside = bytes.size() + 4096;
+    int fd = ::open( path_.c_str(), O_RDWR | O_CLOEXEC );
+    ASSERT_EQ( pwrite( fd, &outside, 8, static_cast<off_t>( slot + 16 ) ), 8 );
+    ::close( fd );
+
+    std::unique_ptr<ShmTableReader> r;
+    ASSERT_NO_THROW( r = std::make_unique<ShmTableReader>( path_, layout() ) );
+    std::vector<uint8_t> v;
+    EXPECT_THROW( r->get( &(const Key&)Key{ 2 }, v ), CorruptionError );
+    EXPECT_TRUE( r->get( &(const Key&)Key{ 1 }, v ) );
+    // More changes than the ring holds: the reader resynchronises.
+    for ( int n = 0; n < 2000; ++n ) {
+        put( w, 3, std::to_string( n ) );
+    }
+    w.flush();
+    std::set<uint32_t> reported;
+    EXPECT_NO_THROW( r->sync( [&]( const uint8_t* key ) {
+        Key k;
+        std::memcpy( &k, key, sizeof( k ) );
+        reported.insert( k.id );
+    } ) );
+    EXPECT_EQ( reported.count( 3 ), 1u );
+}
+
+// A peer that scribbles over the geometry of a table that readers have
+// mapped: the readers must not trust the words they checked at attach.
+TEST_F( ShmTableFuzzTest, HeaderScribbledUnderAnAttachedReader ) {
+    std::set<uint32_t> ids;
+    ASSERT_TRUE( writeFile( makeTemplate( 24, false, ids ) ) );
+    const auto [last, code] = runChild(
+        [&]( int ) {
+            ShmTableReader r( path_, layout() );
+            int fd = ::open( path_.c_str(), O_RDWR | O_CLOEXEC );
+            const uint32_t capacity = 1u << 30;  // index capacity
+            const uint64_t seq = 1u << 20;       // change sequence
+            if ( pwrite( fd, &capacity, 4, 128 ) != 4 ||
+                 pwrite( fd, &seq, 8, 160 ) != 8 ) {
+                return 2;
+            }
+            ::close( fd );
+            for ( uint32_t id = 0; id < 64; ++id ) {
+                try {
+                    std::vector<uint8_t> v;
+                    r.get( &(const Key&)Key{ id }, v );
+                } catch ( const Error& ) {
+                }
+            }
+            try {
+                r.sync( {} );
+            } catch ( const Error& ) {
+            }
+            return 0;
+        },
+        10 );
+    EXPECT_EQ( code, 0 ) << ( code < 0 ? "crashed with signal " + std::to_string( -code )
+                                       : "failed" );
+}
+
+}  // namespace

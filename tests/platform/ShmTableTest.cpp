@@ -1,0 +1,178 @@
+// Shared-memory tables within one process: records, notification of final
+// changes, growth by replacement, re-attach, and hostile files.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <set>
+#include <string>
+
+#include "platform/Error.h"
+#include "platform/ShmTable.h"
+
+using namespace Platform;
+
+namespace {
+
+struct Key {
+    uint32_t id;
+    uint32_t pad = 0;
+};
+
+TableLayout layout() {
+    return TableLayout{ "Test::Record",
+                        tableLayoutHash( "Test::Record:key u32:value bytes" ),
+                        sizeof( Key ), 4096 };
+}
+
+class ShmTableTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        char tmpl[] = "/dev/shm/shmtabletest-XXXXXX";
+        dir_ = mkdtemp( tmpl );
+        path_ = dir_ + "/table";
+    }
+    void TearDown() override { std::filesystem::remove_all( dir_ ); }
+
+    static bool put( ShmTableWriter& w, uint32_t id, const std::string& v ) {
+        Key k{ id };
+        return w.set( &k, v.data(), static_cast<uint32_t>( v.size() ) );
+    }
+    template <typename T>
+    static std::string value( T& t, uint32_t id ) {
+        Key k{ id };
+        std::vector<uint8_t> v;
+        return t.get( &k, v ) ? std::string( v.begin(), v.end() ) : "<absent>";
+    }
+    static std::set<uint32_t> sync( ShmTableReader& r ) {
+        std::set<uint32_t> keys;
+        r.sync( [&]( const uint8_t* key ) {
+            Key k;
+            std::memcpy( &k, key, sizeof( k ) );
+            EXPECT_TRUE( keys.insert( k.id ).second ) << "key reported twice: " << k.id;
+        } );
+        return keys;
+    }
+
+    std::string dir_;
+    std::string path_;
+};
+
+TEST_F( ShmTableTest, RecordsAndFinalStateNotifications ) {
+    ShmTableWriter w( path_, layout() );
+    EXPECT_TRUE( put( w, 1, "one" ) );
+    EXPECT_FALSE( put( w, 1, "one" ) );  // equal value: nothing written
+    EXPECT_TRUE( put( w, 2, "" ) );      // an empty value is a value
+    ShmTableReader r( path_, layout() );
+    EXPECT_EQ( value( r, 1 ), "one" );
+    EXPECT_EQ( value( r, 2 ), "" );
+    EXPECT_EQ( value( r, 3 ), "<absent>" );
+    EXPECT_TRUE( sync( r ).empty() );  // attach took the content in silently
+
+    // Several changes of one key coalesce; a key added and removed between
+    // two syncs never existed for the reader; a reused slot reports both keys.
+    put( w, 1, "uno" );
+    put( w, 1, "eins" );
+    put( w, 3, "three" );
+    w.del( &(const Key&)Key{ 3 } );
+    w.del( &(const Key&)Key{ 2 } );
+    put( w, 4, std::string( 300, 'x' ) );  // another size class
+    EXPECT_EQ( sync( r ), ( std::set<uint32_t>{ 1, 2, 4 } ) );
+    EXPECT_EQ( value( r, 1 ), "eins" );
+    EXPECT_EQ( value( r, 2 ), "<absent>" );
+    EXPECT_TRUE( sync( r ).empty() );
+    EXPECT_EQ( w.size(), 2u );
+}
+
+TEST_F( ShmTableTest, ReaderBehindTheRingResynchronises ) {
+    ShmTableWriter w( path_, layout() );
+    for ( uint32_t i = 0; i < 10; ++i ) {
+        put( w, i, "v" );
+    }
+    ShmTableReader r( path_, layout() );
+    // Far more changes than the ring holds, ending in a known final state.
+    for ( int round = 0; round < 300; ++round ) {
+        for ( uint32_t i = 0; i < 10; ++i ) {
+            put( w, i, "r" + std::to_string( round ) );
+        }
+    }
+    w.del( &(const Key&)Key{ 0 } );
+    put( w, 5, "v" );  // back to its old value, but a new version: reported
+    EXPECT_EQ( sync( r ), ( std::set<uint32_t>{ 0, 1, 2, 3, 4, 5, 6, 7, 8, 9 } ) );
+    EXPECT_EQ( value( r, 9 ), "r299" );
+}
+
+TEST_F( ShmTableTest, GrowthReplacesTheFileAndReadersFollow ) {
+    ShmTableWriter w( path_, layout() );
+    ShmTableReader r( path_, layout() );
+    std::set<uint32_t> expect;
+    for ( uint32_t i = 0; i < 5000; ++i ) {
+        put( w, i, std::string( i % 200, 'a' + i % 26 ) );
+        expect.insert( i );
+    }
+    EXPECT_EQ( sync( r ), expect );
+    EXPECT_EQ( value( r, 4999 ), std::string( 4999 % 200, 'a' + 4999 % 26 ) );
+    EXPECT_EQ( r.versions().size(), 5000u );
+}
+
+TEST_F( ShmTableTest, OneWriterAtATimeAndReattachKeepsContent ) {
+    {
+        ShmTableWriter w( path_, layout() );
+        put( w, 7, "seven" );
+        EXPECT_THROW( ShmTableWriter( path_, layout() ), Error );
+    }
+    ShmTableReader r( path_, layout() );
+    ShmTableWriter again( path_, layout() );
+    EXPECT_EQ( value( again, 7 ), "seven" );
+    EXPECT_TRUE( sync( r ).empty() );  // moved to the new file, nothing changed
+    put( again, 8, "eight" );
+    EXPECT_EQ( sync( r ), ( std::set<uint32_t>{ 8 } ) );
+}
+
+TEST_F( ShmTableTest, RemovedTableReportsEveryKeyAndComesBack ) {
+    auto w = std::make_unique<ShmTableWriter>( path_, layout() );
+    put( *w, 1, "a" );
+    put( *w, 2, "b" );
+    ShmTableReader r( path_, layout() );
+    w.reset();
+    ASSERT_EQ( unlink( path_.c_str() ), 0 );
+    EXPECT_EQ( sync( r ), ( std::set<uint32_t>{ 1, 2 } ) );
+    EXPECT_FALSE( r.attached() );
+    w = std::make_unique<ShmTableWriter>( path_, layout() );
+    put( *w, 2, "b" );
+    EXPECT_EQ( sync( r ), ( std::set<uint32_t>{ 2 } ) );
+    EXPECT_EQ( value( r, 2 ), "b" );
+}
+
+TEST_F( ShmTableTest, HostileFilesGiveClearErrors ) {
+    {
+        ShmTableWriter w( path_, layout() );
+        put( w, 1, "x" );
+    }
+    TableLayout other = layout();
+    other.typeName = "Test::Other";
+    try {
+        ShmTableReader r( path_, other );
+        FAIL() << "attached to another type";
+    } catch ( const Error& e ) {
+        EXPECT_NE( std::string( e.what() ).find( "holds Test::Record" ),
+                   std::string::npos )
+            << e.what();
+        EXPECT_NE( std::string( e.what() ).find( path_ ), std::string::npos );
+    }
+    struct stat st;
+    ASSERT_EQ( stat( path_.c_str(), &st ), 0 );
+    ASSERT_EQ( truncate( path_.c_str(), st.st_size / 2 ), 0 );
+    EXPECT_THROW( ShmTableReader( path_, layout() ), CorruptionError );
+    ASSERT_EQ( truncate( path_.c_str(), 100 ), 0 );
+    EXPECT_THROW( ShmTableReader( path_, layout() ), CorruptionError );
+    // A writer starts again over a file it cannot trust.
+    ShmTableWriter w( path_, layout() );
+    EXPECT_EQ( w.size(), 0u );
+}
+
+}  // namespace
