@@ -1,0 +1,354 @@
+// Typed entities over shared-memory tables.
+//
+// A record type is declared once as a traits struct (see docs/state-tree.md):
+//
+//   struct PathConfigRecord {
+//       using Key = Cspf::PathKey;
+//       using Value = Cspf::PathConfig;
+//       static constexpr const char* typeName = "Cspf::PathConfig";
+//       static constexpr const char* layout = "key PathKey 24; value PathConfig 40; v1";
+//       static constexpr uint32_t keySize = 24;
+//       static constexpr uint32_t maxValueSize = 40;
+//       static void encodeKey( const Key&, uint8_t* out );        // keySize bytes
+//       static Key decodeKey( const uint8_t* in );                // throws
+//       Platform::Error static void encodeValue( const Value&, std::vector< uint8_t >&
+//       out ); static Value decodeValue( const uint8_t* in, size_t len );  // throws
+//       Platform::Error
+//   };
+//
+// TableReader<R> and TableWriter<R> are entities with the runtime's collection
+// vocabulary: get( k ), has( k ), size(), ordered iteration over keys(), and a
+// per-key notification (recordTag), so that a reactor cannot tell a mounted
+// table from an in-process collection. A reader follows its file through
+// inotify (the writer's bell, replacement, removal, re-creation) and tells
+// its watchers of every key whose final state changed. A record that fails
+// its checks goes to the table's corruption handler and reads as absent.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/Entity.h"
+#include "platform/Error.h"
+#include "platform/ShmTable.h"
+
+namespace Platform {
+
+class EventLoop;
+class Inotify;
+class InotifyWatch;
+class StateTree;
+
+using CorruptionHandler = std::function<void( const Error& )>;
+
+template <typename R>
+TableLayout tableLayoutOf() {
+    return TableLayout{ R::typeName,
+                        tableLayoutHash( std::string( R::typeName ) + ";" + R::layout ),
+                        R::keySize, R::maxValueSize };
+}
+
+// The untyped half of a reader: the file, its watches and the sync loop.
+class TableReaderBase : public Entity {
+  public:
+    ~TableReaderBase() override;
+    // Takes in what changed between the first look and the watches.
+    void handleInitialized();
+    const std::string& statePath() const { return statePath_; }
+    bool attached() const { return core_.attached(); }
+    // Takes in the changes made since the last sync and notifies per key.
+    // Runs by itself on inotify events when the reader has an Inotify.
+    void sync();
+    void corruptionHandlerIs( CorruptionHandler handler ) {
+        corruption_ = std::move( handler );
+    }
+    // Reports a bad record or table to the handler (stderr when none is set).
+    void doCorruption( const Error& error ) const;
+
+  protected:
+    TableReaderBase( StateTree& tree, Inotify* inotify, std::string statePath,
+                     TableLayout layout );
+    virtual void doKeyChanged( const uint8_t* key ) = 0;
+    // Watches the file the reader has mapped; true when the watch is new.
+    bool doWatchFile();
+
+    std::string statePath_;
+    Inotify* inotify_;
+    ShmTableReader core_;
+
+  private:
+    CorruptionHandler corruption_;
+    std::unique_ptr<InotifyWatch> dirWatch_;
+    std::unique_ptr<InotifyWatch> fileWatch_;
+    bool syncing_ = false;
+    bool again_ = false;
+};
+
+template <typename R>
+class TableReader : public TableReaderBase {
+  public:
+    using Key = typename R::Key;
+    using Value = typename R::Value;
+    static constexpr KeyTag<Key> recordTag{};
+
+    TableReader( StateTree& tree, Inotify* inotify, std::string statePath )
+        : TableReaderBase( tree, inotify, std::move( statePath ), tableLayoutOf<R>() ) {
+        for ( const auto& kv : core_.versions() ) {
+            doKeyIn( reinterpret_cast<const uint8_t*>( kv.first.data() ), false );
+        }
+    }
+
+    // The value under `k`; a default Value when absent or corrupt.
+    Value get( const Key& k ) const {
+        std::vector<uint8_t> bytes;
+        if ( doRead( k, bytes ) ) {
+            try {
+                return R::decodeValue( bytes.data(), bytes.size() );
+            } catch ( const Error& e ) {
+                doCorruption( CorruptionError( statePath_, e.what() ) );
+            }
+        }
+        return Value();
+    }
+    bool has( const Key& k ) const {
+        std::vector<uint8_t> bytes;
+        return doRead( k, bytes );
+    }
+    size_t size() const { return keys_.size(); }
+    // The keys present at the last sync, in key order, with record versions.
+    const std::map<Key, uint64_t>& keys() const { return keys_; }
+
+  private:
+    bool doRead( const Key& k, std::vector<uint8_t>& bytes ) const {
+        uint8_t key[R::keySize];
+        R::encodeKey( k, key );
+        try {
+            return core_.get( key, bytes );
+        } catch ( const Error& e ) {
+            doCorruption( e );
+            return false;
+        }
+    }
+    void doKeyChanged( const uint8_t* key ) override { doKeyIn( key, true ); }
+    void doKeyIn( const uint8_t* key, bool announce ) {
+        Key k;
+        try {
+            k = R::decodeKey( key );
+        } catch ( const Error& e ) {
+            doCorruption(
+                CorruptionError( statePath_, std::string( "bad key: " ) + e.what() ) );
+            return;
+        }
+        const auto& versions = core_.versions();
+        auto it = versions.find(
+            std::string( reinterpret_cast<const char*>( key ), R::keySize ) );
+        if ( it == versions.end() ) {
+            keys_.erase( k );
+        } else {
+            keys_[k] = it->second;
+        }
+        if ( announce ) {
+            notify( &recordTag, &k );
+            doAnnounced();
+        }
+    }
+
+  protected:
+    virtual void doAnnounced() {}
+
+  private:
+    std::map<Key, uint64_t> keys_;
+};
+
+// The untyped half of a writer: the file and the bell.
+class TableWriterBase : public Entity {
+  public:
+    ~TableWriterBase() override;
+    const std::string& statePath() const { return statePath_; }
+    // Rings the readers' bell now when something changed.
+    void flush() { core_.flush(); }
+    size_t fileBytes() const { return core_.fileBytes(); }
+
+  protected:
+    TableWriterBase( StateTree& tree, EventLoop* loop, std::string statePath,
+                     TableLayout layout );
+    // After a change: the bell rings at the end of the loop's round, or at
+    // once without a loop.
+    void doChanged();
+
+    std::string statePath_;
+    EventLoop* loop_;
+    ShmTableWriter core_;
+
+  private:
+    std::shared_ptr<bool> alive_;  // lets a queued flush see that we are gone
+    bool flushQueued_ = false;
+};
+
+template <typename R>
+class TableWriter : public TableWriterBase {
+  public:
+    using Key = typename R::Key;
+    using Value = typename R::Value;
+    static constexpr KeyTag<Key> recordTag{};
+
+    // Creates the table (and its directories) or re-attaches to it. Throws
+    // Error when another process writes it.
+    TableWriter( StateTree& tree, EventLoop* loop, std::string statePath )
+        : TableWriterBase( tree, loop, std::move( statePath ), tableLayoutOf<R>() ) {
+        core_.forEach( [&]( const uint8_t* key, const uint8_t*, uint32_t ) {
+            try {
+                keys_.insert( R::decodeKey( key ) );
+            } catch ( const Error& ) {
+                core_.del( key );  // our own table: a bad key is dropped
+            }
+        } );
+    }
+
+    // Inserts or replaces; writes and notifies only when the value differs.
+    bool set( const Key& k, const Value& v ) {
+        uint8_t key[R::keySize];
+        R::encodeKey( k, key );
+        value_.clear();
+        R::encodeValue( v, value_ );
+        if ( !core_.set( key, value_.data(), static_cast<uint32_t>( value_.size() ) ) ) {
+            return false;
+        }
+        keys_.insert( k );
+        doChanged();
+        notify( &recordTag, &k );
+        doAnnounced();
+        return true;
+    }
+    bool del( const Key& k ) {
+        uint8_t key[R::keySize];
+        R::encodeKey( k, key );
+        if ( !core_.del( key ) ) {
+            return false;
+        }
+        const Key copy = k;
+        keys_.erase( copy );
+        doChanged();
+        notify( &recordTag, &copy );
+        doAnnounced();
+        return true;
+    }
+    void delAll() {
+        for ( const Key& k : std::vector<Key>( keys_.begin(), keys_.end() ) ) {
+            del( k );
+        }
+    }
+    Value get( const Key& k ) const {
+        uint8_t key[R::keySize];
+        R::encodeKey( k, key );
+        std::vector<uint8_t> bytes;
+        if ( !core_.get( key, bytes ) ) {
+            return Value();
+        }
+        return R::decodeValue( bytes.data(), bytes.size() );
+    }
+    bool has( const Key& k ) const { return keys_.count( k ) != 0; }
+    size_t size() const { return keys_.size(); }
+    const std::set<Key>& keys() const { return keys_; }
+
+  protected:
+    virtual void doAnnounced() {}
+
+  private:
+    std::set<Key> keys_;
+    std::vector<uint8_t> value_;
+};
+
+// One-record tables for configuration-like state (the TE configuration, the
+// CSPF settings, the agent status). R declares Value, typeName, layout,
+// maxValueSize, encodeValue and decodeValue; the key is implied.
+struct SingletonKey {
+    bool operator==( const SingletonKey& ) const = default;
+    bool operator<( const SingletonKey& ) const { return false; }
+};
+
+template <typename R>
+struct SingletonRecord {
+    using Key = SingletonKey;
+    using Value = typename R::Value;
+    static constexpr const char* typeName = R::typeName;
+    static constexpr const char* layout = R::layout;
+    static constexpr uint32_t keySize = 1;
+    static constexpr uint32_t maxValueSize = R::maxValueSize;
+    static void encodeKey( const Key&, uint8_t* out ) { out[0] = 0; }
+    static Key decodeKey( const uint8_t* in ) {
+        if ( in[0] != 0 ) {
+            throw DeserializationError( "key", "a one-record table has only key 0" );
+        }
+        return Key();
+    }
+    static void encodeValue( const Value& v, std::vector<uint8_t>& out ) {
+        R::encodeValue( v, out );
+    }
+    static Value decodeValue( const uint8_t* in, size_t len ) {
+        return R::decodeValue( in, len );
+    }
+};
+
+template <typename R>
+class SingletonReader : public TableReader<SingletonRecord<R>> {
+  public:
+    using Value = typename R::Value;
+    static constexpr AttrTag valueTag{};
+    using TableReader<SingletonRecord<R>>::TableReader;
+    // The record, or a default Value while the table is absent or empty.
+    Value value() const { return this->get( SingletonKey() ); }
+    bool exists() const { return this->has( SingletonKey() ); }
+
+  private:
+    void doAnnounced() override { this->notify( &valueTag ); }
+};
+
+template <typename R>
+class SingletonWriter : public TableWriter<SingletonRecord<R>> {
+  public:
+    using Value = typename R::Value;
+    static constexpr AttrTag valueTag{};
+    using TableWriter<SingletonRecord<R>>::TableWriter;
+    Value value() const { return this->get( SingletonKey() ); }
+    bool exists() const { return this->has( SingletonKey() ); }
+    void valueIs( const Value& v ) { this->set( SingletonKey(), v ); }
+    void valueDel() { this->del( SingletonKey() ); }
+
+  private:
+    void doAnnounced() override { this->notify( &valueTag ); }
+};
+
+// Declares the collection vocabulary of a record table inside a class that
+// derives from TableReader<R> or TableWriter<R>: name( k ), nameHas( k ),
+// plural(), nameTag, and for writers nameIs( v ), nameDel( k ), nameDelAll().
+#define CSPF_TABLE_READ( name, plural )                 \
+    static constexpr const auto& name##Tag = recordTag; \
+    Value name( const Key& k ) const {                  \
+        return this->get( k );                          \
+    }                                                   \
+    bool name##Has( const Key& k ) const {              \
+        return this->has( k );                          \
+    }                                                   \
+    size_t plural() const {                             \
+        return this->size();                            \
+    }
+
+#define CSPF_TABLE_WRITE( name, plural )            \
+    CSPF_TABLE_READ( name, plural )                 \
+    bool name##Is( const Key& k, const Value& v ) { \
+        return this->set( k, v );                   \
+    }                                               \
+    bool name##Del( const Key& k ) {                \
+        return this->del( k );                      \
+    }                                               \
+    void name##DelAll() {                           \
+        this->delAll();                             \
+    }
+
+}  // namespace Platform

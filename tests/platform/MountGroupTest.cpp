@@ -1,0 +1,104 @@
+// Mount groups: one completion on the loop, with the path and reason of a
+// failure; immediate mounts never fail the group.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <filesystem>
+
+#include "platform/EventLoop.h"
+#include "platform/Inotify.h"
+#include "platform/MountGroup.h"
+#include "platform/StateTree.h"
+
+using namespace Platform;
+
+namespace {
+
+struct FlagRecord {
+    using Value = uint8_t;
+    static constexpr const char* typeName = "Test::Flag";
+    static constexpr const char* layout = "u8; v1";
+    static constexpr uint32_t maxValueSize = 1;
+    static void encodeValue( const Value& v, std::vector<uint8_t>& out ) {
+        out.assign( 1, v );
+    }
+    static Value decodeValue( const uint8_t* in, size_t len ) {
+        if ( len != 1 ) {
+            throw DeserializationError( "flag", "1 byte expected" );
+        }
+        return in[0];
+    }
+};
+using FlagReader = SingletonReader<FlagRecord>;
+using FlagWriter = SingletonWriter<FlagRecord>;
+
+class MountGroupTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        char tmpl[] = "/dev/shm/mounttest-XXXXXX";
+        root_ = mkdtemp( tmpl );
+        tree_ = std::make_unique<StateTree>( root_ );
+        inotify_ = std::make_unique<Inotify>( &loop_ );
+        manager_ = std::make_unique<EntityManager>( *tree_, *inotify_, &loop_ );
+    }
+    void TearDown() override {
+        manager_.reset();
+        inotify_.reset();
+        std::filesystem::remove_all( root_ );
+    }
+    MountStatus run( MountGroup& group ) {
+        MountStatus got;
+        int calls = 0;
+        group.doMounts( [&]( const MountStatus& s ) {
+            got = s;
+            ++calls;
+        } );
+        EXPECT_EQ( calls, 0 );  // never from inside doMounts when there is a loop
+        loop_.runOnce( 0 );
+        EXPECT_EQ( calls, 1 );
+        return got;
+    }
+
+    std::string root_;
+    EventLoop loop_;
+    std::unique_ptr<StateTree> tree_;
+    std::unique_ptr<Inotify> inotify_;
+    std::unique_ptr<EntityManager> manager_;
+};
+
+TEST_F( MountGroupTest, MountsInOrderAndCompletesOnTheLoop ) {
+    MountGroup group( *manager_ );
+    group.mount<DirectoryWatch>( "te/cspf/client", "ri" );
+    group.mount<FlagReader>( "te/config", "r" );  // absent: an empty view
+    group.mount<FlagWriter>( "te/cspf/agentStatus", "w" );
+    group.mount<DirectoryWatch>( "routing/export/topodb/client", "wi" );
+    MountStatus s = run( group );
+    EXPECT_TRUE( s.ok ) << s.failedPath << ": " << s.reason;
+    EXPECT_TRUE( s.skipped.empty() );
+    EXPECT_FALSE( manager_->entity<FlagReader>( "te/config" )->exists() );
+    manager_->entity<FlagWriter>( "te/cspf/agentStatus" )->valueIs( 1 );
+    EXPECT_TRUE( tree_->exists( "routing/export/topodb/client" ) );
+    EXPECT_FALSE( tree_->exists( "te/cspf/client" ) );  // read mounts create nothing
+    EXPECT_THROW( group.mount<FlagReader>( "x", "rw" ), Error );
+}
+
+TEST_F( MountGroupTest, FailureNamesThePathUnlessImmediate ) {
+    auto other = create<FlagWriter>( *tree_, &loop_, "held" );  // another writer
+    MountGroup lenient( *manager_ );
+    lenient.mount<FlagWriter>( "held", "wi" );
+    lenient.mount<FlagReader>( "fine", "r" );
+    MountStatus s = run( lenient );
+    EXPECT_TRUE( s.ok );
+    ASSERT_EQ( s.skipped.size(), 1u );
+    EXPECT_EQ( s.skipped[0].first, "held" );
+    EXPECT_NE( s.skipped[0].second.find( "already has a writer" ), std::string::npos );
+
+    MountGroup strict( *manager_ );
+    strict.mount<FlagWriter>( "held", "w" );
+    s = run( strict );
+    EXPECT_FALSE( s.ok );
+    EXPECT_EQ( s.failedPath, "held" );
+    EXPECT_NE( s.reason.find( "already has a writer" ), std::string::npos );
+}
+
+}  // namespace

@@ -1,0 +1,184 @@
+// Typed table entities: a reactor sees a mounted table like a collection,
+// across the life of its file.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "platform/EventLoop.h"
+#include "platform/Inotify.h"
+#include "platform/StateTree.h"
+#include "platform/Table.h"
+
+using namespace Platform;
+
+namespace {
+
+// A record: key u32, value a string of up to 64 bytes that must not hold '!'.
+struct NoteRecord {
+    using Key = uint32_t;
+    using Value = std::string;
+    static constexpr const char* typeName = "Test::Note";
+    static constexpr const char* layout = "key u32; value text 64; v1";
+    static constexpr uint32_t keySize = 4;
+    static constexpr uint32_t maxValueSize = 64;
+    static void encodeKey( const Key& k, uint8_t* out ) { std::memcpy( out, &k, 4 ); }
+    static Key decodeKey( const uint8_t* in ) {
+        Key k;
+        std::memcpy( &k, in, 4 );
+        return k;
+    }
+    static void encodeValue( const Value& v, std::vector<uint8_t>& out ) {
+        out.assign( v.begin(), v.end() );
+    }
+    static Value decodeValue( const uint8_t* in, size_t len ) {
+        std::string v( reinterpret_cast<const char*>( in ), len );
+        if ( v.find( '!' ) != std::string::npos ) {
+            throw DeserializationError( "note", "a note never shouts" );
+        }
+        return v;
+    }
+};
+
+class Notes : public TableReader<NoteRecord> {
+  public:
+    using TableReader::TableReader;
+    CSPF_TABLE_READ( note, notes )
+};
+
+class TableTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        char tmpl[] = "/dev/shm/tabletest-XXXXXX";
+        root_ = mkdtemp( tmpl );
+        tree_ = std::make_unique<StateTree>( root_ );
+        inotify_ = std::make_unique<Inotify>( &loop_ );
+    }
+    void TearDown() override {
+        inotify_.reset();
+        std::filesystem::remove_all( root_ );
+    }
+    // Runs loop rounds until nothing more arrives.
+    void pump() {
+        for ( int i = 0; i < 20 && loop_.runOnce( 20 ) > 0; ++i ) {
+        }
+    }
+
+    std::string root_;
+    EventLoop loop_;
+    std::unique_ptr<StateTree> tree_;
+    std::unique_ptr<Inotify> inotify_;
+};
+
+TEST_F( TableTest, ReaderFollowsItsWriterThroughTheLoop ) {
+    auto writer = create<TableWriter<NoteRecord>>( *tree_, &loop_, "a/b/notes" );
+    writer->set( 3, "three" );
+    auto reader = create<Notes>( *tree_, inotify_.get(), "a/b/notes" );
+    EXPECT_EQ( reader->note( 3 ), "three" );
+    std::vector<uint32_t> seen;
+    auto sub = subscribe( reader.get(), Notes::noteTag,
+                          [&]( const uint32_t& k ) { seen.push_back( k ); } );
+    writer->set( 1, "one" );
+    writer->set( 1, "uno" );
+    writer->set( 2, "two" );
+    writer->del( 3 );
+    EXPECT_TRUE( seen.empty() );  // nothing before the loop runs
+    pump();
+    std::sort( seen.begin(), seen.end() );
+    EXPECT_EQ( seen, ( std::vector<uint32_t>{ 1, 2, 3 } ) );
+    EXPECT_EQ( reader->note( 1 ), "uno" );
+    EXPECT_FALSE( reader->noteHas( 3 ) );
+    std::vector<uint32_t> order;
+    for ( const auto& kv : reader->keys() ) {
+        order.push_back( kv.first );
+    }
+    EXPECT_EQ( order, ( std::vector<uint32_t>{ 1, 2 } ) );
+}
+
+TEST_F( TableTest, AbsentTableFillsWhenCreatedAndEmptiesWhenRemoved ) {
+    auto reader = create<Notes>( *tree_, inotify_.get(), "late/notes" );
+    EXPECT_FALSE( reader->attached() );
+    EXPECT_EQ( reader->notes(), 0u );
+    std::vector<uint32_t> seen;
+    auto sub = subscribe( reader.get(), Notes::noteTag,
+                          [&]( const uint32_t& k ) { seen.push_back( k ); } );
+    {
+        auto writer = create<TableWriter<NoteRecord>>( *tree_, &loop_, "late/notes" );
+        writer->set( 9, "nine" );
+        pump();
+        EXPECT_EQ( seen, ( std::vector<uint32_t>{ 9 } ) );
+        // Growth replaces the file; the reader moves along and sees all.
+        for ( uint32_t k = 100; k < 400; ++k ) {
+            writer->set( k, "x" );
+        }
+        pump();
+        EXPECT_EQ( reader->notes(), 301u );
+    }
+    seen.clear();
+    EXPECT_TRUE( tree_->removeTable( "late/notes" ) );
+    pump();
+    EXPECT_EQ( seen.size(), 301u );
+    EXPECT_EQ( reader->notes(), 0u );
+}
+
+TEST_F( TableTest, BadRecordGoesToTheCorruptionHandlerAndReadsAbsent ) {
+    auto writer = create<TableWriter<NoteRecord>>( *tree_, &loop_, "notes" );
+    auto reader = create<Notes>( *tree_, inotify_.get(), "notes" );
+    std::vector<std::string> reports;
+    reader->corruptionHandlerIs(
+        [&]( const Error& e ) { reports.push_back( e.what() ); } );
+    // The writer's own encoder lets it through; the reader's decoder refuses.
+    writer->set( 1, "hey!" );
+    writer->set( 2, "fine" );
+    pump();
+    EXPECT_EQ( reader->note( 1 ), "" );
+    EXPECT_EQ( reader->note( 2 ), "fine" );
+    ASSERT_EQ( reports.size(), 1u );
+    EXPECT_NE( reports[0].find( "notes" ), std::string::npos );
+    EXPECT_NE( reports[0].find( "never shouts" ), std::string::npos );
+}
+
+struct LimitRecord {
+    using Value = uint32_t;
+    static constexpr const char* typeName = "Test::Limit";
+    static constexpr const char* layout = "u32; v1";
+    static constexpr uint32_t maxValueSize = 4;
+    static void encodeValue( const Value& v, std::vector<uint8_t>& out ) {
+        out.resize( 4 );
+        std::memcpy( out.data(), &v, 4 );
+    }
+    static Value decodeValue( const uint8_t* in, size_t len ) {
+        if ( len != 4 ) {
+            throw DeserializationError( "limit", "4 bytes expected" );
+        }
+        Value v;
+        std::memcpy( &v, in, 4 );
+        return v;
+    }
+};
+
+struct OtherRecord : LimitRecord {
+    static constexpr const char* typeName = "Test::Other";
+};
+
+TEST_F( TableTest, SingletonNotifiesItsValue ) {
+    auto writer = create<SingletonWriter<LimitRecord>>( *tree_, &loop_, "cfg/limit" );
+    auto reader =
+        create<SingletonReader<LimitRecord>>( *tree_, inotify_.get(), "cfg/limit" );
+    EXPECT_FALSE( reader->exists() );
+    int changes = 0;
+    auto sub = subscribe( reader.get(), SingletonReader<LimitRecord>::valueTag,
+                          [&] { ++changes; } );
+    writer->valueIs( 5 );
+    writer->valueIs( 5 );
+    pump();
+    EXPECT_EQ( changes, 1 );
+    EXPECT_EQ( reader->value(), 5u );
+    // A reader of another type is refused with both names.
+    EXPECT_THROW( ( SingletonReader<OtherRecord>( *tree_, inotify_.get(), "cfg/limit" ) ),
+                  Error );
+}
+
+}  // namespace
