@@ -301,15 +301,16 @@ int64_t findSlot( const ShmTableFile& f, const void* key, std::vector<uint8_t>* 
     for ( uint32_t n = 0; n < g.indexCapacity; ++n ) {
         const uint32_t i = static_cast<uint32_t>( ( hash + n ) & mask );
         const SlotRead r = readSlot( f, i, key, hash, value, snap, nullptr, patience );
-        if ( r == SlotRead::halfWritten ||
-             ( r == SlotRead::bad && snap.head.hash == hash ) ) {
-            if ( r == SlotRead::halfWritten ||
-                 std::memcmp( slotAt( f, i ) + sizeof( SlotHead ), key, g.keySize ) ==
-                     0 ) {
+        if ( r != SlotRead::ok ) {
+            // A record left half-written or out of bounds is this key's own
+            // only when it carries this key; another key's is passed over,
+            // so that one broken record does not hide the keys beyond it.
+            SlotHead raw;
+            std::memcpy( &raw, slotAt( f, i ), sizeof( raw ) );
+            if ( raw.hash == hash && std::memcmp( slotAt( f, i ) + sizeof( SlotHead ),
+                                                  key, g.keySize ) == 0 ) {
                 throw CorruptionError( f.path(), slotProblem( r, i ) );
             }
-        }
-        if ( r != SlotRead::ok ) {
             continue;
         }
         if ( snap.head.state == kEmpty ) {
@@ -657,7 +658,13 @@ void ShmTableWriter::doRebuild( uint32_t minRecords, size_t minHeap ) {
     // A replacement keeps the table's identity and its change sequence, so
     // readers compare versions across files; a new table gets a new one.
     nh->tableId = fresh ? newTableId() : og.tableId;
-    nh->changeSeq = fresh ? 0 : atomic64( headerOf( file_ )->changeSeq ).load();
+    // A writer that died between writing a record and counting the change
+    // left a version above the header's sequence: start past every version.
+    uint64_t changeSeq = fresh ? 0 : atomic64( headerOf( file_ )->changeSeq ).load();
+    for ( uint32_t i : keep ) {
+        changeSeq = std::max( changeSeq, headAt( file_, i )->version );
+    }
+    nh->changeSeq = changeSeq;
     // Ring entries start out of date, so a reader that catches up with an
     // old sequence on this file resynchronises instead of trusting them.
     for ( uint32_t r = 0; r < kRingCapacity; ++r ) {
