@@ -12,6 +12,7 @@ packages=(
   libgmock-dev
   libbenchmark-dev
   clang-format
+  nlohmann-json3-dev
 )
 
 missing=()
