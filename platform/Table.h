@@ -243,6 +243,16 @@ class TableWriter : public TableWriterBase {
             del( k );
         }
     }
+    // Deletes every record whose key `keep` does not hold; returns how many.
+    size_t delAllBut( const std::set<Key>& keep ) {
+        size_t n = 0;
+        for ( const Key& k : std::vector<Key>( keys_.begin(), keys_.end() ) ) {
+            if ( !keep.count( k ) ) {
+                n += del( k );
+            }
+        }
+        return n;
+    }
     Value get( const Key& k ) const {
         uint8_t key[R::keySize];
         R::encodeKey( k, key );

@@ -203,4 +203,16 @@ void TopoDbWriter::flush() {
     neighbors_->flush();
 }
 
+size_t TopoDbWriter::routerDelAllBut( const std::set<Mpls::RouterId>& keep ) {
+    return routers_->delAllBut( keep );
+}
+
+size_t TopoDbWriter::networkDelAllBut( const std::set<NetworkId>& keep ) {
+    return networks_->delAllBut( keep );
+}
+
+size_t TopoDbWriter::neighborDelAllBut( const std::set<NeighborKey>& keep ) {
+    return neighbors_->delAllBut( keep );
+}
+
 }  // namespace Routing::Topology

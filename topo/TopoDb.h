@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstring>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -198,16 +199,22 @@ class TopoDbWriter {
     bool routerIs( const Router& router );
     bool routerDel( const Mpls::RouterId& id );
     void routerDelAll();
+    // Deletes every router that `keep` does not hold; returns how many.
+    size_t routerDelAllBut( const std::set<Mpls::RouterId>& keep );
     bool routerHas( const Mpls::RouterId& id ) const { return routers_->has( id ); }
 
     bool networkIs( const Network& network );
     bool networkDel( const NetworkId& id );
     void networkDelAll();
+    // Deletes every network that `keep` does not hold; returns how many.
+    size_t networkDelAllBut( const std::set<NetworkId>& keep );
     bool networkHas( const NetworkId& id ) const { return networks_->has( id ); }
 
     bool neighborIs( const Neighbor& neighbor );
     bool neighborDel( const NeighborKey& key );
     void neighborDelAll();
+    // Deletes every neighbor that `keep` does not hold; returns how many.
+    size_t neighborDelAllBut( const std::set<NeighborKey>& keep );
     bool neighborHas( const NeighborKey& key ) const { return neighbors_->has( key ); }
 
     // Wakes the readers now.
