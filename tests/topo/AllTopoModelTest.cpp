@@ -1,0 +1,351 @@
+// The level-qualified model: the keys' order, equality and hash, the
+// accessors of one neighbor type, the string forms, the router id maps with
+// their per-key notifications, and the dumps.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "platform/Clock.h"
+#include "platform/Error.h"
+#include "platform/StateTree.h"
+#include "topo/AllTopoDb.h"
+#include "topo/AllTopoDbStatus.h"
+#include "topo/AllTopoKeys.h"
+#include "topo/AllTopoViews.h"
+#include "topo/TopoId.h"
+
+using namespace Cspf;
+using Mpls::RouterId;
+using Net::IpGenAddr;
+using Routing::Topology::NeighborKey;
+using Routing::Topology::NetworkId;
+
+namespace {
+
+RouterId sys( const char* text ) {
+    return RouterId::fromSystemId( text );
+}
+
+NeighborKey p2p( const char* from, const char* to, uint32_t link ) {
+    return NeighborKey::toRouter( sys( from ), sys( to ), link );
+}
+
+NeighborKey lan( const char* from, const char* dr, uint32_t pseudonode ) {
+    return NeighborKey::toNetwork( sys( from ), NetworkId( sys( dr ), pseudonode ) );
+}
+
+template <typename F>
+std::string dumpOf( const F& dump ) {
+    int fds[2];
+    EXPECT_EQ( pipe( fds ), 0 );
+    {
+        Platform::DumpContext context( fds[1] );
+        dump( context );
+    }
+    close( fds[1] );
+    std::string out;
+    char buf[4096];
+    for ( ssize_t n; ( n = read( fds[0], buf, sizeof( buf ) ) ) > 0; ) {
+        out.append( buf, size_t( n ) );
+    }
+    close( fds[0] );
+    return out;
+}
+
+template <typename F>
+std::string typeErrorOf( F fn ) {
+    try {
+        fn();
+    } catch ( const Platform::TypeError& e ) {
+        return e.what();
+    }
+    return "no TypeError";
+}
+
+const IpGenAddr kTe1( "1.1.1.1" );
+const IpGenAddr kTe2( "2.2.2.2" );
+
+}  // namespace
+
+TEST( AllTopoModelTest, TopoIdForms ) {
+    EXPECT_EQ( toString( TopoId::isisL1 ), "isisL1" );
+    EXPECT_EQ( toString( TopoId::isisL2 ), "isisL2" );
+    EXPECT_EQ( topoIdFromString( "isisL2" ), TopoId::isisL2 );
+    EXPECT_THROW( topoIdFromString( "isisL3" ), Platform::DeserializationError );
+    EXPECT_NE( topoIdHash( TopoId::isisL1 ), topoIdHash( TopoId::isisL2 ) );
+}
+
+TEST( AllTopoModelTest, NeighborKeyOrderLevelThenKeyThenTeIds ) {
+    const NeighborKey low = p2p( "0000.0000.0001", "0000.0000.0002", 1 );
+    const NeighborKey high = p2p( "0000.0000.0001", "0000.0000.0002", 2 );
+    // The level outranks everything after it.
+    EXPECT_LT( AllTopoNeighborKey( TopoId::isisL1, high, kTe2 ),
+               AllTopoNeighborKey( TopoId::isisL2, low, kTe1 ) );
+    // Then the neighbor key outranks teNeighborOf.
+    EXPECT_LT( AllTopoNeighborKey( TopoId::isisL1, low, kTe2 ),
+               AllTopoNeighborKey( TopoId::isisL1, high, kTe1 ) );
+    EXPECT_LT( AllTopoNeighborKey( TopoId::isisL1, low, kTe1 ),
+               AllTopoNeighborKey( TopoId::isisL1, low, kTe2 ) );
+
+    // Type 1: teNeighborId decides last.
+    AllTopoNeighborKey a( TopoId::isisL1, low, kTe1 );
+    AllTopoNeighborKey b = a;
+    a.teNeighborIdIs( kTe1 );
+    b.teNeighborIdIs( kTe2 );
+    EXPECT_LT( a, b );
+    EXPECT_FALSE( b < a );
+    EXPECT_FALSE( a == b );
+
+    // Type 2 keys equal up to there are never less than each other.
+    const AllTopoNeighborKey n1( TopoId::isisL1,
+                                 lan( "0000.0000.0001", "0000.0000.0003", 2 ), kTe1 );
+    const AllTopoNeighborKey n2 = n1;
+    EXPECT_FALSE( n1 < n2 );
+    EXPECT_FALSE( n2 < n1 );
+}
+
+TEST( AllTopoModelTest, EqualityOverFourFieldsHashOverTwo ) {
+    const NeighborKey key = p2p( "0000.0000.0001", "0000.0000.0002", 1 );
+    AllTopoNeighborKey a( TopoId::isisL1, key, kTe1 );
+    AllTopoNeighborKey b( TopoId::isisL1, key, kTe2 );
+    AllTopoNeighborKey c = a;
+    c.teNeighborIdIs( kTe2 );
+    EXPECT_FALSE( a == b );
+    EXPECT_FALSE( a == c );
+    EXPECT_EQ( a.hash(), b.hash() );
+    EXPECT_EQ( a.hash(), c.hash() );
+    // The level and the key do reach the hash.
+    EXPECT_NE( a.hash(), AllTopoNeighborKey( TopoId::isisL2, key, kTe1 ).hash() );
+    EXPECT_NE( a.hash(),
+               AllTopoNeighborKey( TopoId::isisL1,
+                                   p2p( "0000.0000.0001", "0000.0000.0002", 2 ), kTe1 )
+                   .hash() );
+
+    const NetworkId net( sys( "0000.0000.0003" ), 2 );
+    EXPECT_NE( AllTopoNetworkId( TopoId::isisL1, net ).hash(),
+               AllTopoNetworkId( TopoId::isisL2, net ).hash() );
+    EXPECT_NE( AllTopoNetworkId( TopoId::isisL1, net ).hash(),
+               AllTopoNetworkId( TopoId::isisL1, NetworkId( net.dr, 3 ) ).hash() );
+    EXPECT_LT( AllTopoNetworkId( TopoId::isisL1, NetworkId( net.dr, 3 ) ),
+               AllTopoNetworkId( TopoId::isisL2, net ) );
+}
+
+TEST( AllTopoModelTest, AccessorsOfOneNeighborTypeOnly ) {
+    AllTopoNeighborKey router( TopoId::isisL2,
+                               p2p( "0000.0000.0001", "0000.0000.0002", 1 ), kTe1 );
+    const AllTopoNeighborKey network(
+        TopoId::isisL2, lan( "0000.0000.0001", "0000.0000.0003", 2 ), kTe1 );
+
+    EXPECT_EQ( typeErrorOf( [&] { network.teNeighborId(); } ),
+               "NeighborType 2 and teNeighborId are not compatible" );
+    EXPECT_EQ( typeErrorOf( [&] { router.allTopoNetworkId(); } ),
+               "NeighborType 1 and allTopoNetworkId are not compatible" );
+    EXPECT_EQ(
+        network.allTopoNetworkId(),
+        AllTopoNetworkId( TopoId::isisL2, NetworkId( sys( "0000.0000.0003" ), 2 ) ) );
+    router.teNeighborIdIs( kTe2 );
+    EXPECT_EQ( router.teNeighborId(), kTe2 );
+    // Only a point-to-point link has a far-end router to fill in.
+    AllTopoNeighborKey copy = network;
+    EXPECT_EQ( typeErrorOf( [&] { copy.teNeighborIdIs( kTe2 ); } ),
+               "NeighborType 2 and teNeighborId are not compatible" );
+}
+
+TEST( AllTopoModelTest, EmptyValues ) {
+    EXPECT_TRUE( !AllTopoNeighborKey() );
+    EXPECT_TRUE( !AllTopoNetworkId() );
+    EXPECT_FALSE( !AllTopoNeighborKey( TopoId::isisL1, NeighborKey(), IpGenAddr() ) );
+    EXPECT_FALSE( !AllTopoNetworkId( TopoId::isisL1, NetworkId() ) );
+    EXPECT_TRUE( AllTopoRouter().unknown() );
+    EXPECT_FALSE( AllTopoRouter( kTe1 ).unknown() );
+}
+
+TEST( AllTopoModelTest, StringForms ) {
+    AllTopoNeighborKey key( TopoId::isisL1, p2p( "0000.0000.0001", "0000.0000.0002", 3 ),
+                            kTe1 );
+    key.teNeighborIdIs( kTe2 );
+    EXPECT_EQ( key.toString(),
+               "Value('Cspf::AllTopoNeighborKey', ** {'topoId': isisL1, 'neighborKey': "
+               "0000.0000.0001 -> 0000.0000.0002 link 3, 'teNeighborOf': 1.1.1.1, "
+               "'teNeighborId': 2.2.2.2})" );
+    const AllTopoNetworkId net( TopoId::isisL2, NetworkId( sys( "0000.0000.0003" ), 2 ) );
+    EXPECT_EQ( net.toString(),
+               "Value('Cspf::AllTopoNetworkId', ** {'topoId': isisL2, 'networkId': "
+               "0000.0000.0003.02})" );
+
+    AllTopoRouter router( kTe1 );
+    EXPECT_EQ( router.toString(),
+               "Value('Cspf::AllTopoRouter', ** {'teRouterId': 1.1.1.1, 'neighbor': [], "
+               "'tep': []})" );
+    router.tepIs( IpGenAddr( "9.9.9.9" ) );
+    router.tepIs( kTe2 );
+    router.tepIs( kTe2 );
+    EXPECT_EQ( router.teps(), 2u );
+    EXPECT_EQ( router.toString(),
+               "Value('Cspf::AllTopoRouter', ** {'teRouterId': 1.1.1.1, 'neighbor': [], "
+               "'tep': [2.2.2.2, 9.9.9.9]})" );
+
+    AllTopoNetwork network( net );
+    network.routerIs( kTe2 );
+    network.routerIs( kTe1 );
+    EXPECT_EQ( network.toString(),
+               "Value('Cspf::AllTopoNetwork', ** {'allTopoNetworkId': " + net.toString() +
+                   ", 'router': [1.1.1.1, 2.2.2.2]})" );
+
+    EXPECT_EQ( typeErrorOf( [&] { AllTopoRouter::fromString( router.toString() ); } ),
+               "No String constructor for AllTopoRouter - has collection" );
+    EXPECT_EQ( typeErrorOf( [&] { AllTopoNetwork::fromString( network.toString() ); } ),
+               "No String constructor for AllTopoNetwork - has collection" );
+
+    // Set members print in their own order, whatever the insertion order.
+    AllTopoNeighborKey other( TopoId::isisL1,
+                              p2p( "0000.0000.0001", "0000.0000.0002", 1 ), kTe1 );
+    router.neighborIs( key );
+    router.neighborIs( other );
+    EXPECT_NE( router.toString().find( "'neighbor': [" + other.toString() + ", " +
+                                       key.toString() + "]" ),
+               std::string::npos );
+}
+
+TEST( AllTopoModelTest, RouterIdMapNotifiesPerKey ) {
+    Platform::ManualClockScope clock;
+    AllTopoDbStatus status( nullptr );
+    std::vector<TopoId> maps;
+    auto mapSub =
+        Platform::subscribe( &status, AllTopoDbStatus::routerIdMapTag,
+                             [&]( const TopoId& id ) { maps.push_back( id ); } );
+    auto l2 = status.routerIdMapIs( TopoId::isisL2 );
+    EXPECT_EQ( status.routerIdMapIs( TopoId::isisL2 ), l2 ) << "found, not made again";
+    EXPECT_EQ( l2->topoId(), TopoId::isisL2 );
+    EXPECT_EQ( maps, std::vector<TopoId>{ TopoId::isisL2 } );
+
+    std::vector<RouterId> teChanges;
+    std::vector<IpGenAddr> igpChanges;
+    auto teSub =
+        Platform::subscribe( l2.get(), RouterIdMap::teRouterIdTag,
+                             [&]( const RouterId& id ) { teChanges.push_back( id ); } );
+    auto igpSub = Platform::subscribe(
+        l2.get(), RouterIdMap::igpRouterIdTag,
+        [&]( const IpGenAddr& addr ) { igpChanges.push_back( addr ); } );
+    const RouterId r1 = sys( "0000.0000.0001" );
+    const RouterId r2 = sys( "0000.0000.0002" );
+    l2->teRouterIdIs( r1, kTe1 );
+    l2->teRouterIdIs( r1, kTe1 );  // no change, no notification
+    l2->igpRouterIdIs( kTe1, r1 );
+    EXPECT_EQ( l2->teRouterId( r1 ), kTe1 );
+    EXPECT_EQ( l2->igpRouterId( kTe1 ), r1 );
+    EXPECT_TRUE( l2->igpRouterId( kTe2 ).empty() ) << "absent reads as the empty id";
+    EXPECT_EQ( teChanges, std::vector<RouterId>{ r1 } );
+    EXPECT_EQ( igpChanges, std::vector<IpGenAddr>{ kTe1 } );
+
+    // r2 claims the same TE router id: it is a duplicate, not a second mapping.
+    l2->teRouterIdIs( r2, kTe1 );
+    auto dup = l2->duplicateRoutersIs( kTe1 );
+    std::vector<RouterId> dupChanges;
+    auto dupSub =
+        Platform::subscribe( dup.get(), DuplicateRouters::routerTag,
+                             [&]( const RouterId& id ) { dupChanges.push_back( id ); } );
+    dup->routerIs( r2, true );
+    dup->routerIs( sys( "0000.0000.0009" ), true );
+    dup->routerDel( r2 );
+    EXPECT_EQ( dup->routers(), 1u );
+    dup->routerDelAll();
+    EXPECT_EQ( dup->routers(), 0u );
+    EXPECT_EQ( dupChanges, ( std::vector<RouterId>{ r2, sys( "0000.0000.0009" ), r2,
+                                                    sys( "0000.0000.0009" ) } ) );
+    l2->teRouterIdDel( r1 );
+    l2->igpRouterIdDel( kTe1 );
+    l2->duplicateRoutersDel( kTe1 );
+    EXPECT_FALSE( l2->duplicateRoutersHas( kTe1 ) );
+    EXPECT_EQ( teChanges, ( std::vector<RouterId>{ r1, r2, r1 } ) );
+    EXPECT_EQ( igpChanges, ( std::vector<IpGenAddr>{ kTe1, kTe1 } ) );
+
+    status.routerIdMapDel( TopoId::isisL2 );
+    EXPECT_EQ( maps, ( std::vector<TopoId>{ TopoId::isisL2, TopoId::isisL2 } ) );
+
+    int stamps = 0;
+    auto timeSub = Platform::subscribe( &status, AllTopoDbStatus::topoChangedAtTag,
+                                        [&] { ++stamps; } );
+    status.topoChangedAtIsNow();
+    status.topoChangedAtIsNow();  // same time: nothing new to react to
+    EXPECT_EQ( status.topoChangedAt(), 1000.0 );
+    EXPECT_EQ( stamps, 1 );
+}
+
+TEST( AllTopoModelTest, StatusDump ) {
+    AllTopoDbStatus status( nullptr );
+    status.ourTeRouterIdIs( kTe1 );
+    auto l1 = status.routerIdMapIs( TopoId::isisL1 );
+    l1->teRouterIdIs( sys( "0000.0000.0002" ), kTe2 );
+    l1->teRouterIdIs( sys( "0000.0000.0001" ), kTe1 );
+    l1->teRouterIdIs( sys( "0000.0000.0009" ), kTe2 );
+    l1->duplicateRoutersIs( kTe2 )->routerIs( sys( "0000.0000.0009" ), true );
+    auto table = status.intfIpToNeighborTableIs();
+    EXPECT_EQ( status.intfIpToNeighborTableIs(), table );
+    auto intf = table->intfIpToNeighborIs( IpGenAddr( "10.0.0.1" ) );
+    intf->neighborIs(
+        AllTopoNeighborKey( TopoId::isisL2, p2p( "0000.0000.0001", "0000.0000.0002", 1 ),
+                            kTe1 ),
+        true );
+    intf->neighborIs(
+        AllTopoNeighborKey( TopoId::isisL1, lan( "0000.0000.0001", "0000.0000.0003", 2 ),
+                            kTe1 ),
+        true );
+
+    EXPECT_EQ(
+        dumpOf( [&]( auto& ctx ) { status.dumpState( ctx, 0 ); } ),
+        "Our TE Router ID: 1.1.1.1\n"
+        "Per-topology Router ID maps\n"
+        "  Topology isisL1\n"
+        "      IGP Router ID          TE Router ID\n"
+        "     0000.0000.0001   >           1.1.1.1\n"
+        "     0000.0000.0002   >           2.2.2.2\n"
+        "     0000.0000.0009   >           2.2.2.2\n"
+        "    TE Router ID:         2.2.2.2\n"
+        "      Duplicate routers\n"
+        "         0000.0000.0009\n"
+        "Neighbor to Interface-IP Table\n"
+        "     Interface IP                                   Neighbor Keys (1)\n"
+        "         10.0.0.1   >      isisL1 0000.0000.0001 -> 0000.0000.0003.02\n"
+        "                    >   isisL2 0000.0000.0001 -> 0000.0000.0002 link 1\n" );
+}
+
+TEST( AllTopoModelTest, AllTopoDbByLevel ) {
+    char tmpl[] = "/dev/shm/alltopotest-XXXXXX";
+    const std::string root = mkdtemp( tmpl );
+    {
+        Platform::StateTree tree( root );
+        Routing::Topology::TopoDbWriter writer( tree, nullptr, 2, L3::VrfName() );
+        Routing::Topology::Router router( sys( "0000.0000.0001" ) );
+        router.teRouterIdIs( kTe1 );
+        writer.routerIs( router );
+        auto db = Platform::create<Routing::Topology::TopoDb>( tree, nullptr, 2,
+                                                               L3::VrfName() );
+        db->sync();
+
+        AllTopoDb all;
+        std::vector<TopoId> changes;
+        auto sub =
+            Platform::subscribe( &all, AllTopoDb::topoDbTag,
+                                 [&]( const TopoId& id ) { changes.push_back( id ); } );
+        all.topoDbIs( TopoId::isisL2, db );
+        all.topoDbIs( TopoId::isisL2, db );
+        EXPECT_EQ( all.topoDb( TopoId::isisL2 ), db );
+        EXPECT_FALSE( all.topoDb( TopoId::isisL1 ) );
+        EXPECT_EQ( dumpOf( [&]( auto& ctx ) { all.dumpState( ctx, 0 ); } ),
+                   "Topology isisL2\n"
+                   "  ---Routers---\n"
+                   "   Router ID: 0000.0000.0001\n"
+                   "   TE Router ID: 1.1.1.1\n"
+                   "   Overloaded?: No\n"
+                   "  ---Networks---\n"
+                   "  ---Neighbors---\n" );
+        all.topoDbDel( TopoId::isisL2 );
+        EXPECT_EQ( all.topoDbs(), 0u );
+        EXPECT_EQ( changes, ( std::vector<TopoId>{ TopoId::isisL2, TopoId::isisL2 } ) );
+    }
+    std::filesystem::remove_all( root );
+}
