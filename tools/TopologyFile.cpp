@@ -22,6 +22,7 @@
 #include <tuple>
 
 #include "platform/PathComponent.h"
+#include "topo/RouterId.h"
 
 namespace Cspf::TopoFile {
 
@@ -407,35 +408,22 @@ class Reader {
         return a;
     }
     SystemId systemId( const json& v, const std::string& path ) const {
-        std::string text = string( v, path );
-        auto hex = []( char c ) -> int {
-            if ( c >= '0' && c <= '9' ) {
-                return c - '0';
-            }
-            if ( c >= 'a' && c <= 'f' ) {
-                return c - 'a' + 10;
-            }
-            if ( c >= 'A' && c <= 'F' ) {
-                return c - 'A' + 10;
-            }
-            return -1;
-        };
-        SystemId id{};
-        bool good = text.size() == 14 && text[4] == '.' && text[9] == '.';
-        for ( size_t i = 0, digit = 0; good && i < text.size(); ++i ) {
-            if ( i == 4 || i == 9 ) {
-                continue;
-            }
-            int d = hex( text[i] );
-            good = d >= 0;
-            id[digit / 2] = static_cast<uint8_t>( id[digit / 2] << 4 | ( d & 0xf ) );
-            ++digit;
-        }
-        if ( !good ) {
+        const std::string text = string( v, path );
+        Mpls::RouterId id;
+        try {
+            id = Mpls::RouterId::fromSystemId( text );
+        } catch ( const Platform::Error& ) {
             fail( path, "expected a system id 'xxxx.xxxx.xxxx' of 12 hex digits, found " +
                             quote( text ) );
         }
-        return id;
+        // The system id's 6 bytes, as the router id packs them.
+        const uint64_t value =
+            uint64_t{ id.rtrIdValue() } << 16 | uint64_t{ id.lblSpaceValue() };
+        SystemId bytes{};
+        for ( size_t i = 0; i < bytes.size(); ++i ) {
+            bytes[i] = static_cast<uint8_t>( value >> ( 8 * ( bytes.size() - 1 - i ) ) );
+        }
+        return bytes;
     }
     Net::IntfId interface( const json& v, const std::string& path ) const {
         std::string name = string( v, path );
