@@ -263,12 +263,17 @@ void Neighbor::dumpState( Platform::DumpContext& context, unsigned indent ) cons
 void encodeNeighbor( const Neighbor& neighbor, std::vector<uint8_t>& out ) {
     NeighborValue value;
     value.adminGroup = neighbor.adminGroup();
+    // An empty list may have no storage at all: copy only what is there.
     value.interfaceAddrCount = neighbor.interfaceAddrCount();
-    std::memcpy( value.interfaceAddrs, neighbor.interfaceAddrs().data(),
-                 sizeof( Net::IpGenAddr ) * value.interfaceAddrCount );
+    if ( value.interfaceAddrCount ) {
+        std::memcpy( value.interfaceAddrs, neighbor.interfaceAddrs().data(),
+                     sizeof( Net::IpGenAddr ) * value.interfaceAddrCount );
+    }
     value.neighborAddrCount = neighbor.neighborAddrCount();
-    std::memcpy( value.neighborAddrs, neighbor.neighborAddrs().data(),
-                 sizeof( Net::IpGenAddr ) * value.neighborAddrCount );
+    if ( value.neighborAddrCount ) {
+        std::memcpy( value.neighborAddrs, neighbor.neighborAddrs().data(),
+                     sizeof( Net::IpGenAddr ) * value.neighborAddrCount );
+    }
     value.igpMetric = neighbor.igpMetric();
     value.teMetric = neighbor.teMetric();
     value.teMetricPresent = neighbor.teMetricPresent() ? 1 : 0;
