@@ -220,6 +220,7 @@ enum class SlotRead { ok, halfWritten, bad };
 
 struct SlotSnap {
     SlotHead head;
+    uint64_t seq = 0;  // the seqlock word the snapshot was taken under
     bool keyMatches = false;
 };
 
@@ -276,6 +277,7 @@ SlotRead readSlot( const ShmTableFile& f, uint32_t i, const void* want, uint64_t
         if ( atomic64( head->seq ).load( std::memory_order_relaxed ) != s1 ) {
             continue;
         }
+        snap.seq = s1;
         if ( snap.head.state > kTombstone || ( snap.head.state == kLive && !inBounds ) ) {
             return SlotRead::bad;
         }
@@ -292,11 +294,12 @@ std::string slotProblem( SlotRead r, uint32_t i ) {
 // Finds the slot of `key`; -1 when absent. Throws CorruptionError when the
 // key's own record is bad; other bad slots on the way are passed over.
 int64_t findSlot( const ShmTableFile& f, const void* key, std::vector<uint8_t>* value,
-                  uint64_t* version ) {
+                  uint64_t* version, SlotSnap* found = nullptr ) {
     const TableGeometry& g = f.geometry();
     const uint64_t hash = keyHash( key, g.keySize );
     const uint32_t mask = g.indexCapacity - 1;
-    SlotSnap snap;
+    SlotSnap local;
+    SlotSnap& snap = found ? *found : local;
     Patience patience;
     for ( uint32_t n = 0; n < g.indexCapacity; ++n ) {
         const uint32_t i = static_cast<uint32_t>( ( hash + n ) & mask );
@@ -1013,6 +1016,28 @@ bool ShmTableReader::get( const void* key, std::vector<uint8_t>& value ) const {
 
 bool ShmTableReader::has( const void* key ) const {
     return file_.isOpen() && findSlot( file_, key, nullptr, nullptr ) >= 0;
+}
+
+bool ShmTableReader::find( const void* key, RecordRef& ref ) const {
+    SlotSnap snap;
+    const int64_t slot =
+        file_.isOpen() ? findSlot( file_, key, nullptr, nullptr, &snap ) : -1;
+    if ( slot < 0 ) {
+        return false;
+    }
+    // findSlot checked the bounds under the same seqlock word.
+    ref.len = snap.head.valueLen;
+    ref.bytes = file_.base() + valueAt( file_.geometry(), uint32_t( slot ), snap.head );
+    ref.slot = uint32_t( slot );
+    ref.seq = snap.seq;
+    return true;
+}
+
+bool ShmTableReader::unchanged( const RecordRef& ref ) const {
+    // Order the caller's reads of the bytes before the second look at the word.
+    std::atomic_thread_fence( std::memory_order_acquire );
+    const SlotHead* head = reinterpret_cast<const SlotHead*>( slotAt( file_, ref.slot ) );
+    return atomic64( head->seq ).load( std::memory_order_relaxed ) == ref.seq;
 }
 
 uint64_t ShmTableReader::doVersionOf( const void* key, int64_t* slot ) const {

@@ -149,6 +149,17 @@ class ShmTableWriter {
 // One change seen by a reader: the key's bytes.
 using TableChangeFn = std::function<void( const uint8_t* key )>;
 
+// A record's value where it lies in the mapping, not copied. A writer may
+// change it while it is read: whatever was read from it holds only if
+// `ShmTableReader::unchanged` says so afterwards. Valid until the reader's
+// next sync (which may remap the file).
+struct RecordRef {
+    const uint8_t* bytes = nullptr;
+    uint32_t len = 0;
+    uint32_t slot = 0;
+    uint64_t seq = 0;
+};
+
 class ShmTableReader {
   public:
     // Maps the table at `path` when it exists (else the reader starts
@@ -161,6 +172,10 @@ class ShmTableReader {
     // record that fails its bounds or stays half-written.
     bool get( const void* key, std::vector<uint8_t>& value ) const;
     bool has( const void* key ) const;
+    // Finds the value in place; false when absent. Throws as get does.
+    bool find( const void* key, RecordRef& ref ) const;
+    // Whether the record of `ref` was not written since find.
+    bool unchanged( const RecordRef& ref ) const;
 
     // Records that fail their checks are skipped by sync and told here.
     void corruptionHandlerIs( std::function<void( const std::string& detail )> fn ) {

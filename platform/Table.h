@@ -69,6 +69,9 @@ class TableReaderBase : public Entity {
     }
     // Reports a bad record or table to the handler (stderr when none is set).
     void doCorruption( const Error& error ) const;
+    // Whether the record behind `ref` (found by this reader) was not written
+    // since: what was read from it in place holds only then.
+    bool unchanged( const RecordRef& ref ) const { return core_.unchanged( ref ); }
 
   protected:
     TableReaderBase( StateTree& tree, Inotify* inotify, std::string statePath,
@@ -116,8 +119,26 @@ class TableReader : public TableReaderBase {
         return Value();
     }
     bool has( const Key& k ) const {
-        std::vector<uint8_t> bytes;
-        return doRead( k, bytes );
+        uint8_t key[R::keySize];
+        R::encodeKey( k, key );
+        try {
+            return core_.has( key );
+        } catch ( const Error& e ) {
+            doCorruption( e );
+            return false;
+        }
+    }
+    // The value's bytes in place, not copied nor decoded (see RecordRef);
+    // false when absent or corrupt (reported).
+    bool find( const Key& k, RecordRef& ref ) const {
+        uint8_t key[R::keySize];
+        R::encodeKey( k, key );
+        try {
+            return core_.find( key, ref );
+        } catch ( const Error& e ) {
+            doCorruption( e );
+            return false;
+        }
     }
     size_t size() const { return keys_.size(); }
     // The keys present at the last sync, in key order, with record versions.

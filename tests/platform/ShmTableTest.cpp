@@ -88,6 +88,27 @@ TEST_F( ShmTableTest, RecordsAndFinalStateNotifications ) {
     EXPECT_EQ( w.size(), 2u );
 }
 
+TEST_F( ShmTableTest, InPlaceReadsKnowWhenTheirRecordWasRewritten ) {
+    ShmTableWriter w( path_, layout() );
+    put( w, 1, "one" );
+    put( w, 2, "two" );
+    ShmTableReader r( path_, layout() );
+    RecordRef one, two;
+    const Key k1{ 1 }, k2{ 2 }, k3{ 3 };
+    ASSERT_TRUE( r.find( &k1, one ) );
+    ASSERT_TRUE( r.find( &k2, two ) );
+    EXPECT_FALSE( r.find( &k3, one ) );
+    EXPECT_EQ( std::string( reinterpret_cast<const char*>( one.bytes ), one.len ),
+               "one" );
+    EXPECT_TRUE( r.unchanged( one ) );
+    put( w, 1, "uno" );  // same size: may land in the same block
+    put( w, 3, "three" );
+    EXPECT_FALSE( r.unchanged( one ) );
+    EXPECT_TRUE( r.unchanged( two ) );  // other keys' writes do not matter
+    w.del( &k2 );
+    EXPECT_FALSE( r.unchanged( two ) );
+}
+
 TEST_F( ShmTableTest, ReaderBehindTheRingResynchronises ) {
     ShmTableWriter w( path_, layout() );
     for ( uint32_t i = 0; i < 10; ++i ) {
