@@ -148,7 +148,11 @@ class TopoDb : public Platform::Entity {
     // The router with its id; a default Router (empty id) when absent or
     // corrupt.
     Router router( const Mpls::RouterId& id ) const;
-    bool routerHas( const Mpls::RouterId& id ) const { return routers_->has( id ); }
+    // As taken in at the last sync, like the notifications: the records
+    // themselves may be newer.
+    bool routerHas( const Mpls::RouterId& id ) const {
+        return routers_->keys().count( id ) != 0;
+    }
     // Copies the record once into `buffer` and reads it in place; an absent
     // or corrupt router reads as one with no neighbors.
     RouterView routerView( const Mpls::RouterId& id, std::vector<uint8_t>& buffer ) const;
@@ -156,15 +160,25 @@ class TopoDb : public Platform::Entity {
     const std::map<Mpls::RouterId, uint64_t>& routers() const { return routers_->keys(); }
 
     Network network( const NetworkId& id ) const;
-    bool networkHas( const NetworkId& id ) const { return networks_->has( id ); }
+    bool networkHas( const NetworkId& id ) const {
+        return networks_->keys().count( id ) != 0;
+    }
     NetworkView networkView( const NetworkId& id, std::vector<uint8_t>& buffer ) const;
     const std::map<NetworkId, uint64_t>& networks() const { return networks_->keys(); }
 
     Neighbor neighbor( const NeighborKey& key ) const;
-    bool neighborHas( const NeighborKey& key ) const { return neighbors_->has( key ); }
+    bool neighborHas( const NeighborKey& key ) const {
+        return neighbors_->keys().count( key ) != 0;
+    }
     const std::map<NeighborKey, uint64_t>& neighbors() const {
         return neighbors_->keys();
     }
+
+    // The tables themselves, for computations that read records in place
+    // (Platform::RecordRef): find, then check `unchanged` after reading.
+    const RouterTable& routerTable() const { return *routers_; }
+    const NetworkTable& networkTable() const { return *networks_; }
+    const NeighborTable& neighborTable() const { return *neighbors_; }
 
     // Takes in the tables' changes now (tests and tools without an Inotify).
     void sync();

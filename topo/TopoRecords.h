@@ -107,6 +107,8 @@ class Router {
 // neighbor key is decoded when asked for. The bytes must outlive the view.
 class RouterView {
   public:
+    // A router with no neighbors.
+    RouterView() = default;
     // RangeError (the NeighborIndex text) for a count above 500;
     // DeserializationError naming "router" for a length that does not match
     // the count, a bad TE router id, an overload byte other than 0 or 1, or
@@ -123,7 +125,7 @@ class RouterView {
     const uint8_t* neighborKeyRecord( NeighborIndex index ) const;
 
   private:
-    const uint8_t* bytes_;
+    const uint8_t* bytes_ = nullptr;
     Net::IpGenAddr teRouterId_;
     bool overload_ = false;
     uint32_t neighborCount_ = 0;
@@ -174,6 +176,8 @@ class Network {
 
 class NetworkView {
   public:
+    // A LAN with no routers.
+    NetworkView() = default;
     // RangeError (the RouterIndex text) for a count above 30;
     // DeserializationError naming "network" for a length that does not match.
     NetworkView( const uint8_t* bytes, size_t len );
@@ -184,7 +188,7 @@ class NetworkView {
     Mpls::RouterId router( RouterIndex index ) const;
 
   private:
-    const uint8_t* bytes_;
+    const uint8_t* bytes_ = nullptr;
     uint32_t routerCount_ = 0;
 };
 

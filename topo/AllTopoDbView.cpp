@@ -1,0 +1,475 @@
+#include "topo/AllTopoDbView.h"
+
+#include <string>
+
+#include "platform/Assert.h"
+#include "platform/Error.h"
+#include "platform/Mivlog.h"
+#include "platform/Table.h"
+#include "records/IpStatus.h"
+#include "root/DedupConstraint.h"
+#include "topo/TopoDb.h"
+
+namespace Cspf {
+
+using Routing::Topology::AddrIndex;
+using Routing::Topology::Neighbor;
+using Routing::Topology::NeighborIndex;
+using Routing::Topology::NeighborKey;
+using Routing::Topology::NetworkView;
+using Routing::Topology::RouterIndex;
+using Routing::Topology::RouterView;
+using Routing::Topology::TopoDb;
+
+namespace {
+
+// A record changed under a reader: the call starts over.
+struct TornRead {};
+
+// Enough for any writer that is not broken; one that rewrites a record
+// faster than it can be read is one.
+constexpr int kMaxAttempts = 1000;
+
+}  // namespace
+
+AllTopoDbView::AllTopoDbView( Platform::Ptr<AllTopoDb> allTopoDb,
+                              Platform::Ptr<AllTopoDbStatus> allTopoDbStatus,
+                              Platform::Ptr<Ip::Status> ipStatus,
+                              Platform::Ptr<Ip6::Status> ip6Status,
+                              Platform::Ptr<DedupConstraintLifeTimeNotifier> constraint )
+    : allTopoDb_( std::move( allTopoDb ) ),
+      allTopoDbStatus_( std::move( allTopoDbStatus ) ),
+      ipStatus_( std::move( ipStatus ) ),
+      ip6Status_( std::move( ip6Status ) ),
+      constraint_( std::move( constraint ) ) {}
+
+AllTopoDbView::~AllTopoDbView() = default;
+
+// ---- snapshot reads
+
+template <typename F>
+auto AllTopoDbView::doStable( F&& call ) const {
+    if ( depth_ > 0 ) {
+        return call();  // the outer call checks our reads too
+    }
+    for ( int attempt = 1;; ++attempt ) {
+        reads_.clear();
+        ++depth_;
+        try {
+            auto result = call();
+            --depth_;
+            if ( doReadsUnchanged( 0 ) ) {
+                reads_.clear();
+                return result;
+            }
+        } catch ( const TornRead& ) {
+            --depth_;
+        } catch ( ... ) {
+            --depth_;
+            reads_.clear();
+            throw;
+        }
+        if ( attempt == kMaxAttempts ) {
+            reads_.clear();
+            throw Platform::CorruptionError(
+                "topology", "records kept changing while being read; gave up after " +
+                                std::to_string( kMaxAttempts ) + " attempts" );
+        }
+    }
+}
+
+bool AllTopoDbView::doReadsUnchanged( size_t from ) const {
+    for ( size_t i = from; i < reads_.size(); ++i ) {
+        if ( !reads_[i].table->unchanged( reads_[i].ref ) ) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool AllTopoDbView::doFind( const Platform::TableReaderBase& table, bool found,
+                            const Platform::RecordRef& ref ) const {
+    if ( found ) {
+        reads_.push_back( { &table, ref } );
+    }
+    return found;
+}
+
+void AllTopoDbView::doBadRecord( const Platform::TableReaderBase& table,
+                                 const Platform::RecordRef& ref,
+                                 const std::exception& error ) const {
+    if ( !doReported( table, ref, error ) ) {
+        throw TornRead();
+    }
+    throw Platform::CorruptionError( table.statePath(), error.what() );
+}
+
+bool AllTopoDbView::doReported( const Platform::TableReaderBase& table,
+                                const Platform::RecordRef& ref,
+                                const std::exception& error ) const {
+    if ( !table.unchanged( ref ) ) {
+        return false;
+    }
+    table.doCorruption( Platform::CorruptionError( table.statePath(), error.what() ) );
+    return true;
+}
+
+bool AllTopoDbView::doRouter( const TopoDb& db, const Mpls::RouterId& id,
+                              RouterView* view, bool strict ) const {
+    Platform::RecordRef ref;
+    if ( !doFind( db.routerTable(), db.routerTable().find( id, ref ), ref ) ) {
+        return false;
+    }
+    try {
+        *view = RouterView( ref.bytes, ref.len );
+    } catch ( const Platform::Error& e ) {
+        if ( strict ) {
+            doBadRecord( db.routerTable(), ref, e );
+        }
+        // A router that cannot be read confirms no link.
+        if ( !doReported( db.routerTable(), ref, e ) ) {
+            throw TornRead();
+        }
+        *view = RouterView();
+        return false;
+    }
+    return true;
+}
+
+bool AllTopoDbView::doNetwork( const TopoDb& db, const Routing::Topology::NetworkId& id,
+                               NetworkView* view ) const {
+    Platform::RecordRef ref;
+    if ( !doFind( db.networkTable(), db.networkTable().find( id, ref ), ref ) ) {
+        return false;
+    }
+    try {
+        *view = NetworkView( ref.bytes, ref.len );
+    } catch ( const Platform::Error& e ) {
+        doBadRecord( db.networkTable(), ref, e );
+    }
+    return true;
+}
+
+bool AllTopoDbView::doNeighbor( const TopoDb& db, const NeighborKey& key,
+                                Neighbor* neighbor ) const {
+    Platform::RecordRef ref;
+    if ( !doFind( db.neighborTable(), db.neighborTable().find( key, ref ), ref ) ) {
+        return false;
+    }
+    try {
+        *neighbor = Routing::Topology::decodeNeighbor( ref.bytes, ref.len );
+    } catch ( const Platform::Error& e ) {
+        // A bad link record hides that link only, as a missing one does.
+        if ( !doReported( db.neighborTable(), ref, e ) ) {
+            throw TornRead();
+        }
+        return false;
+    }
+    neighbor->neighborKeyIs( key );
+    return true;
+}
+
+const TopoDb* AllTopoDbView::doTopoDb( TopoId topoId ) const {
+    const auto* db = allTopoDb_->topoDbColl().find( topoId );
+    return db ? db->get() : nullptr;
+}
+
+// ---- routers
+
+AllTopoRouter AllTopoDbView::router( const Net::IpGenAddr& teRouterId ) const {
+    return doStable( [&] { return doRouterCall( teRouterId ); } );
+}
+
+AllTopoRouter AllTopoDbView::doRouterCall( const Net::IpGenAddr& teRouterId ) const {
+    AllTopoRouter result( teRouterId );
+    bool found = false;
+    const Net::IpGenAddr& ourTeRouterId = allTopoDbStatus_->ourTeRouterId();
+    const bool ourselves = teRouterId == ourTeRouterId;
+    for ( const auto& [level, topoDb] : allTopoDb_->topoDbColl() ) {
+        const Platform::Ptr<RouterIdMap> routerIdMap =
+            allTopoDbStatus_->routerIdMap( level );
+        if ( !routerIdMap ) {
+            continue;
+        }
+        const Mpls::RouterId* igp = routerIdMap->igpRouterIdColl().find( teRouterId );
+        if ( !igp ) {
+            continue;
+        }
+        found = true;
+        const Mpls::RouterId igpRouterId = *igp;
+        RouterView routerView;
+        if ( !doRouter( *topoDb, igpRouterId, &routerView, true ) ) {
+            // The id map follows the database as taken in; the record may
+            // have gone from the table since, which the next change tells.
+            CSPF_ASSERT( topoDb->routerHas( igpRouterId ) );
+            continue;
+        }
+        const size_t routerRead = reads_.size() - 1;
+        for ( uint32_t i = 0; i < routerView.neighborCount(); ++i ) {
+            NeighborKey k;
+            try {
+                k = routerView.neighborKey( NeighborIndex( i ) );
+            } catch ( const Platform::Error& e ) {
+                doBadRecord( topoDb->routerTable(), reads_[routerRead].ref, e );
+            }
+            Neighbor link;
+            if ( !doNeighbor( *topoDb, k, &link ) ) {
+                TRACE7( "Neighbor object missing, skipping NeighborKey "
+                        << k << " in topoId " << level );
+                continue;
+            }
+            if ( ourselves && !neighborAllowed( link ) ) {
+                continue;
+            }
+            AllTopoNeighborKey key( level, k, teRouterId );
+            if ( k.isRouter() ) {
+                const Net::IpGenAddr* far =
+                    routerIdMap->teRouterIdColl().find( k.neighborRouterId() );
+                if ( far ) {
+                    key.teNeighborIdIs( *far );
+                }
+            }
+            if ( !twoWayCheckPassed( key ) ) {
+                continue;
+            }
+            for ( uint32_t a = 0; a < link.interfaceAddrCount(); ++a ) {
+                result.tepIs( link.interfaceAddr( AddrIndex( a ) ) );
+            }
+            if ( routerView.overload() && !ourselves ) {
+                TRACE7( "Overload bit set for router "
+                        << teRouterId << ", so ignoring neighbor " << k );
+                continue;
+            }
+            result.neighborIs( key );
+        }
+    }
+    if ( !found ) {
+        return AllTopoRouter();
+    }
+    result.tepIs( teRouterId );
+    return result;
+}
+
+// ---- networks
+
+AllTopoNetwork AllTopoDbView::network( const AllTopoNetworkId& allTopoNetworkId ) const {
+    return doStable( [&] { return doNetworkCall( allTopoNetworkId ); } );
+}
+
+AllTopoNetwork AllTopoDbView::doNetworkCall(
+    const AllTopoNetworkId& allTopoNetworkId ) const {
+    const TopoId level = allTopoNetworkId.topoId();
+    const TopoDb* topoDb = doTopoDb( level );
+    NetworkView lan;
+    if ( !topoDb || !doNetwork( *topoDb, allTopoNetworkId.networkId(), &lan ) ) {
+        return AllTopoNetwork();
+    }
+    const size_t lanRead = reads_.size() - 1;
+    const Platform::Ptr<RouterIdMap> routerIdMap = allTopoDbStatus_->routerIdMap( level );
+    AllTopoNetwork result( allTopoNetworkId );
+    for ( uint32_t i = 0; i < lan.routerCount(); ++i ) {
+        Mpls::RouterId r;
+        try {
+            r = lan.router( RouterIndex( i ) );
+        } catch ( const Platform::Error& e ) {
+            doBadRecord( topoDb->networkTable(), reads_[lanRead].ref, e );
+        }
+        const Net::IpGenAddr* te =
+            routerIdMap ? routerIdMap->teRouterIdColl().find( r ) : nullptr;
+        if ( !te ) {
+            TRACE7( "No TE router id for " << r << " in network " << allTopoNetworkId );
+            continue;
+        }
+        const Net::IpGenAddr teRouterId = *te;
+        const NeighborKey k = NeighborKey::toNetwork( r, allTopoNetworkId.networkId() );
+        Platform::RecordRef ref;
+        if ( !doFind( topoDb->neighborTable(), topoDb->neighborTable().find( k, ref ),
+                      ref ) ) {
+            TRACE7( "No neighbor object found for "
+                    << k << " in network " << allTopoNetworkId << " from topoId " << level
+                    << ", skipping this router" );
+            continue;
+        }
+        if ( twoWayCheckPassed( AllTopoNeighborKey( level, k, teRouterId ) ) ) {
+            result.routerIs( teRouterId );
+        }
+    }
+    return result;
+}
+
+// ---- links
+
+Neighbor AllTopoDbView::neighbor( const AllTopoNeighborKey& key ) const {
+    return doStable( [&] {
+        Neighbor link( key.neighborKey() );
+        const TopoDb* topoDb = doTopoDb( key.topoId() );
+        if ( !topoDb || !doNeighbor( *topoDb, key.neighborKey(), &link ) ) {
+            return Neighbor( key.neighborKey() );
+        }
+        return link;
+    } );
+}
+
+bool AllTopoDbView::twoWayCheckPassed( const AllTopoNeighborKey& key ) const {
+    return key.neighborType() == Routing::Topology::neighborTypeNetwork()
+               ? twoWayCheckLan( key )
+               : twoWayCheckP2P( key );
+}
+
+bool AllTopoDbView::twoWayCheckP2P( const AllTopoNeighborKey& key ) const {
+    return doStable( [&] { return doTwoWayCheckP2P( key ); } );
+}
+
+bool AllTopoDbView::doTwoWayCheckP2P( const AllTopoNeighborKey& key ) const {
+    const NeighborKey& neighborKey = key.neighborKey();
+    CSPF_ASSERT( neighborKey.neighborType() == Routing::Topology::neighborTypeRouter() );
+    const TopoDb* topoDb = doTopoDb( key.topoId() );
+    Neighbor forward;
+    RouterView a;
+    if ( topoDb ) {
+        doNeighbor( *topoDb, neighborKey, &forward );
+        doRouter( *topoDb, neighborKey.routerId(), &a, false );
+    }
+    if ( !topoDb || !routerHasNeighbor( a, neighborKey ) ) {
+        TRACE8( "Neighbor's router doesn't have neighborKey " << key
+                                                              << ", returning false" );
+        return false;
+    }
+    const Mpls::RouterId& aId = neighborKey.routerId();
+    RouterView b;
+    bool peerFound = false;
+    if ( doRouter( *topoDb, neighborKey.neighborRouterId(), &b, false ) ) {
+        const size_t bRead = reads_.size() - 1;
+        for ( uint32_t i = 0; i < b.neighborCount(); ++i ) {
+            NeighborKey candidate;
+            try {
+                candidate = b.neighborKey( NeighborIndex( i ) );
+            } catch ( const Platform::Error& e ) {
+                doBadRecord( topoDb->routerTable(), reads_[bRead].ref, e );
+            }
+            if ( !candidate.isRouter() || candidate.farRouterId() != aId ) {
+                continue;
+            }
+            Neighbor reverse;
+            if ( !doNeighbor( *topoDb, candidate, &reverse ) ) {
+                continue;
+            }
+            peerFound = true;
+            bool forwardOk = false;
+            for ( uint32_t n = 0; n < forward.neighborAddrCount() && !forwardOk; ++n ) {
+                forwardOk = neighborHasInterfaceAddr(
+                    reverse, forward.neighborAddr( AddrIndex( n ) ) );
+            }
+            bool reverseOk = false;
+            for ( uint32_t n = 0; n < reverse.neighborAddrCount() && !reverseOk; ++n ) {
+                reverseOk = neighborHasInterfaceAddr(
+                    forward, reverse.neighborAddr( AddrIndex( n ) ) );
+            }
+            if ( forwardOk && reverseOk ) {
+                return true;
+            }
+        }
+    }
+    if ( !peerFound ) {
+        TRACE8( "Peer neighbor for neighborKey " << key << " not found, "
+                                                 << "returning false" );
+    } else {
+        TRACE8( "Address mismatch for neighbor with neighborKey "
+                << key << ", returning false" );
+    }
+    return false;
+}
+
+bool AllTopoDbView::twoWayCheckLan( const AllTopoNeighborKey& key ) const {
+    return doStable( [&] { return doTwoWayCheckLan( key ); } );
+}
+
+bool AllTopoDbView::doTwoWayCheckLan( const AllTopoNeighborKey& key ) const {
+    const NeighborKey& neighborKey = key.neighborKey();
+    CSPF_ASSERT( neighborKey.neighborType() == Routing::Topology::neighborTypeNetwork() );
+    const TopoDb* topoDb = doTopoDb( key.topoId() );
+    RouterView a;
+    if ( topoDb ) {
+        doRouter( *topoDb, neighborKey.routerId(), &a, false );
+    }
+    if ( !topoDb || !routerHasNeighbor( a, neighborKey ) ) {
+        TRACE8( "Neighbor's router doesn't have neighborKey " << key
+                                                              << ", returning false" );
+        return false;
+    }
+    NetworkView lan;
+    if ( doNetwork( *topoDb, neighborKey.networkId(), &lan ) ) {
+        const size_t lanRead = reads_.size() - 1;
+        for ( uint32_t i = 0; i < lan.routerCount(); ++i ) {
+            Mpls::RouterId member;
+            try {
+                member = lan.router( RouterIndex( i ) );
+            } catch ( const Platform::Error& e ) {
+                doBadRecord( topoDb->networkTable(), reads_[lanRead].ref, e );
+            }
+            if ( member == neighborKey.routerId() ) {
+                return true;
+            }
+        }
+    }
+    TRACE8( "Router for neighbor with neighborKey " << key << " not found in"
+                                                    << " network, returning false" );
+    return false;
+}
+
+// ---- the constraint
+
+bool AllTopoDbView::neighborAllowed( const Neighbor& neighbor ) const {
+    const PathConstraint constraint =
+        constraint_ ? constraint_->pathConstraint() : PathConstraint();
+    if ( constraint == PathConstraint() ) {
+        return true;
+    }
+    TRACE6( " Applying constraint : " << constraint.excludeInterface );
+    return ip6Status_ ? doNeighborAllowedV6( neighbor, constraint.excludeInterface )
+                      : doNeighborAllowedV4( neighbor, constraint.excludeInterface );
+}
+
+bool AllTopoDbView::doNeighborAllowedV4( const Neighbor& neighbor,
+                                         const Net::IntfId& intfId ) const {
+    CSPF_ASSERT( !ip6Status() );
+    const Platform::Ptr<Ip::IntfStatus> intf =
+        ipStatus_ ? ipStatus_->intfStatus( intfId ) : nullptr;
+    if ( !intf ) {
+        TRACE6( "Interface:" << intfId << " is non exsistent" );
+        return true;
+    }
+    const Net::IpGenAddr primary = intf->activeAddr();
+    for ( uint32_t i = 0; i < neighbor.interfaceAddrCount(); ++i ) {
+        const Net::IpGenAddr& addr = neighbor.interfaceAddr( AddrIndex( i ) );
+        if ( !primary.isAddrZero() && addr == primary ) {
+            TRACE6( "Matched primary interface address: " << addr );
+            return false;
+        }
+        if ( intf->secondaryAddrHas( addr ) ) {
+            TRACE6( "Matched secondary interface address: " << addr );
+            return false;
+        }
+    }
+    return true;
+}
+
+bool AllTopoDbView::doNeighborAllowedV6( const Neighbor& neighbor,
+                                         const Net::IntfId& intfId ) const {
+    CSPF_ASSERT( !ipStatus() );
+    const Platform::Ptr<Ip6::IntfStatus> intf = ip6Status_->intf( intfId );
+    if ( !intf ) {
+        TRACE6( "Interface:" << intfId << " is non exsistent" );
+        return true;
+    }
+    for ( uint32_t i = 0; i < neighbor.interfaceAddrCount(); ++i ) {
+        const Net::IpGenAddr& addr = neighbor.interfaceAddr( AddrIndex( i ) );
+        if ( intf->addrHas( addr ) ) {
+            TRACE6( "Matched ipv6 interface address: " << addr );
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace Cspf

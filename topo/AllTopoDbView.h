@@ -1,0 +1,137 @@
+// Cspf::AllTopoDbView: the topology as one CSPF computation sees it.
+//
+// Merges the IS-IS levels into routers keyed by TE router id, hides links
+// that fail the two-way check and the transit links of overloaded routers,
+// and applies the computation's constraint (an excluded interface) to the
+// computing router's own links. Nothing is cached: every call reads the
+// level databases and the id maps afresh.
+//
+// Records are read in place from the shared-memory tables, never copied
+// whole: a router of 500 neighbor keys costs a lookup, not 18 KB of copying.
+// An IS-IS writer may change a record while a call reads it; each public
+// call checks at its end that every record it read is unchanged, and runs
+// again when one was not, so a call answers from one consistent snapshot of
+// the records it touched.
+#pragma once
+
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+#include "platform/Ptr.h"
+#include "platform/ShmTable.h"
+#include "records/IntfId.h"
+#include "records/IpGenAddr.h"
+#include "topo/AllTopoDb.h"
+#include "topo/AllTopoDbStatus.h"
+#include "topo/AllTopoKeys.h"
+#include "topo/AllTopoViews.h"
+#include "topo/TopoRecords.h"
+
+namespace Platform {
+class TableReaderBase;
+}
+namespace Ip {
+class Status;
+}
+namespace Ip6 {
+class Status;
+}
+
+namespace Cspf {
+
+class DedupConstraintLifeTimeNotifier;
+
+class AllTopoDbView {
+  public:
+    // Exactly one of the interface statuses is set: the family of the VRF
+    // that owns the computation (both may be null in tools that exclude
+    // nothing).
+    AllTopoDbView( Platform::Ptr<AllTopoDb> allTopoDb,
+                   Platform::Ptr<AllTopoDbStatus> allTopoDbStatus,
+                   Platform::Ptr<Ip::Status> ipStatus,
+                   Platform::Ptr<Ip6::Status> ip6Status,
+                   Platform::Ptr<DedupConstraintLifeTimeNotifier> constraint );
+    ~AllTopoDbView();
+
+    const Platform::Ptr<AllTopoDb>& allTopoDb() const { return allTopoDb_; }
+    const Platform::Ptr<AllTopoDbStatus>& allTopoDbStatus() const {
+        return allTopoDbStatus_;
+    }
+    const Platform::Ptr<Ip::Status>& ipStatus() const { return ipStatus_; }
+    const Platform::Ptr<Ip6::Status>& ip6Status() const { return ip6Status_; }
+    const Platform::Ptr<DedupConstraintLifeTimeNotifier>& constraint() const {
+        return constraint_;
+    }
+
+    // The router over every level that knows it; an empty router (zero TE
+    // router id) when none does. A router record of more than 500 neighbor
+    // keys is reported and refused with CorruptionError.
+    AllTopoRouter router( const Net::IpGenAddr& teRouterId ) const;
+    // The LAN's routers that pass the checks; empty when the level or the
+    // LAN is unknown.
+    AllTopoNetwork network( const AllTopoNetworkId& allTopoNetworkId ) const;
+    // The link record of the key's level; a default record carrying the key
+    // when the level or the record is missing.
+    Routing::Topology::Neighbor neighbor( const AllTopoNeighborKey& key ) const;
+    // Whether the constraint admits the link (of the computing router).
+    bool neighborAllowed( const Routing::Topology::Neighbor& neighbor ) const;
+    bool twoWayCheckPassed( const AllTopoNeighborKey& key ) const;
+    bool twoWayCheckP2P( const AllTopoNeighborKey& key ) const;
+    bool twoWayCheckLan( const AllTopoNeighborKey& key ) const;
+
+  private:
+    struct Read {
+        const Platform::TableReaderBase* table;
+        Platform::RecordRef ref;
+    };
+
+    // Runs one public call until it completes over records that stayed
+    // unchanged; nested calls run inside the outer one's snapshot.
+    template <typename F>
+    auto doStable( F&& call ) const;
+    bool doReadsUnchanged( size_t from ) const;
+
+    // In-place reads, each remembered for the end-of-call check. A missing
+    // record reads as absent (false).
+    // A corrupt router is refused with CorruptionError when `strict`, else
+    // reported and read as absent.
+    bool doRouter( const Routing::Topology::TopoDb& db, const Mpls::RouterId& id,
+                   Routing::Topology::RouterView* view, bool strict ) const;
+    bool doNetwork( const Routing::Topology::TopoDb& db,
+                    const Routing::Topology::NetworkId& id,
+                    Routing::Topology::NetworkView* view ) const;
+    bool doNeighbor( const Routing::Topology::TopoDb& db,
+                     const Routing::Topology::NeighborKey& key,
+                     Routing::Topology::Neighbor* neighbor ) const;
+    bool doFind( const Platform::TableReaderBase& table, bool found,
+                 const Platform::RecordRef& ref ) const;
+    // A record that failed its checks: torn by a writer (the call runs
+    // again) or corrupt (reported and rethrown as CorruptionError).
+    // Reports a record that failed its checks; false when it was torn.
+    bool doReported( const Platform::TableReaderBase& table,
+                     const Platform::RecordRef& ref, const std::exception& error ) const;
+    [[noreturn]] void doBadRecord( const Platform::TableReaderBase& table,
+                                   const Platform::RecordRef& ref,
+                                   const std::exception& error ) const;
+
+    AllTopoRouter doRouterCall( const Net::IpGenAddr& teRouterId ) const;
+    AllTopoNetwork doNetworkCall( const AllTopoNetworkId& allTopoNetworkId ) const;
+    bool doTwoWayCheckP2P( const AllTopoNeighborKey& key ) const;
+    bool doTwoWayCheckLan( const AllTopoNeighborKey& key ) const;
+    bool doNeighborAllowedV4( const Routing::Topology::Neighbor& neighbor,
+                              const Net::IntfId& intfId ) const;
+    bool doNeighborAllowedV6( const Routing::Topology::Neighbor& neighbor,
+                              const Net::IntfId& intfId ) const;
+    const Routing::Topology::TopoDb* doTopoDb( TopoId topoId ) const;
+
+    Platform::Ptr<AllTopoDb> allTopoDb_;
+    Platform::Ptr<AllTopoDbStatus> allTopoDbStatus_;
+    Platform::Ptr<Ip::Status> ipStatus_;
+    Platform::Ptr<Ip6::Status> ip6Status_;
+    Platform::Ptr<DedupConstraintLifeTimeNotifier> constraint_;
+    mutable std::vector<Read> reads_;
+    mutable unsigned depth_ = 0;
+};
+
+}  // namespace Cspf
