@@ -15,3 +15,10 @@ namespace Platform {
     ( __builtin_expect( static_cast<bool>( expr ), 1 ) \
           ? static_cast<void>( 0 )                     \
           : ::Platform::assertFailed( #expr, __FILE__, __LINE__, __PRETTY_FUNCTION__ ) )
+
+// As CSPF_ASSERT, for a condition already computed: `text` is what a failure
+// prints as the expression (the check it stands for).
+#define CSPF_ASSERT_AS( cond, text )                   \
+    ( __builtin_expect( static_cast<bool>( cond ), 1 ) \
+          ? static_cast<void>( 0 )                     \
+          : ::Platform::assertFailed( text, __FILE__, __LINE__, __PRETTY_FUNCTION__ ) )

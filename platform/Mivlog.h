@@ -258,6 +258,23 @@ namespace Mivlog = Platform::Mivlog;
         }                                                                              \
     } while ( 0 )
 
+// A line written on behalf of another function: `signature` (a const char*
+// or std::string naming the caller) takes the place of this one's.
+#define TRACE_FOR( level, signature, ... )                                      \
+    do {                                                                        \
+        if ( __builtin_expect( ( ::Platform::Mivlog::detail::levelMask.load(    \
+                                     std::memory_order_relaxed ) &              \
+                                 ( 1u << ( level ) ) ) != 0,                    \
+                               0 ) ) {                                          \
+            [&]() __attribute__( ( noinline, cold ) ) {                         \
+                ::Platform::Mivlog::Line mivlogLine_;                           \
+                mivlogLine_ << __VA_ARGS__;                                     \
+                ::Platform::Mivlog::writeLine( signature, mivlogLine_.view() ); \
+            }                                                                   \
+            ();                                                                 \
+        }                                                                       \
+    } while ( 0 )
+
 #define TRACE0( ... ) MIVLOG_TRACE_( 0, __VA_ARGS__ )
 #define TRACE1( ... ) MIVLOG_TRACE_( 1, __VA_ARGS__ )
 #define TRACE2( ... ) MIVLOG_TRACE_( 2, __VA_ARGS__ )

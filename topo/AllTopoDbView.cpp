@@ -1,5 +1,7 @@
 #include "topo/AllTopoDbView.h"
 
+#include <cstddef>
+#include <cstring>
 #include <string>
 
 #include "platform/Assert.h"
@@ -169,6 +171,59 @@ bool AllTopoDbView::doNeighbor( const TopoDb& db, const NeighborKey& key,
     return true;
 }
 
+bool AllTopoDbView::LinkAddrs::interfaceHas( const uint8_t* addr ) const {
+    for ( uint32_t i = 0; i < interfaceCount; ++i ) {
+        if ( std::memcmp( interfaces + i * kAddrSize, addr, kAddrSize ) == 0 ) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool AllTopoDbView::LinkAddrs::crosses( const LinkAddrs& other ) const {
+    for ( uint32_t i = 0; i < neighborCount; ++i ) {
+        if ( other.interfaceHas( neighbors + i * kAddrSize ) ) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool AllTopoDbView::doLinkAddrs( const TopoDb& db, const NeighborKey& key,
+                                 LinkAddrs* addrs ) const {
+    Platform::RecordRef ref;
+    if ( !doFind( db.neighborTable(), db.neighborTable().find( key, ref ), ref ) ) {
+        return false;
+    }
+    using Routing::Topology::NeighborValue;
+    uint32_t interfaceCount = 0;
+    uint32_t neighborCount = 0;
+    if ( ref.len == sizeof( NeighborValue ) ) {
+        std::memcpy( &interfaceCount,
+                     ref.bytes + offsetof( NeighborValue, interfaceAddrCount ),
+                     sizeof( interfaceCount ) );
+        std::memcpy( &neighborCount,
+                     ref.bytes + offsetof( NeighborValue, neighborAddrCount ),
+                     sizeof( neighborCount ) );
+    }
+    if ( ref.len != sizeof( NeighborValue ) ||
+         interfaceCount > Routing::Topology::kMaxNeighborAddrs ||
+         neighborCount > Routing::Topology::kMaxNeighborAddrs ) {
+        // A bad link record hides that link only, as a missing one does.
+        if ( !doReported( db.neighborTable(), ref,
+                          Platform::DeserializationError(
+                              "neighbor", "length or address count out of range" ) ) ) {
+            throw TornRead();
+        }
+        return false;
+    }
+    addrs->interfaces = ref.bytes + offsetof( NeighborValue, interfaceAddrs );
+    addrs->interfaceCount = interfaceCount;
+    addrs->neighbors = ref.bytes + offsetof( NeighborValue, neighborAddrs );
+    addrs->neighborCount = neighborCount;
+    return true;
+}
+
 const TopoDb* AllTopoDbView::doTopoDb( TopoId topoId ) const {
     const auto* db = allTopoDb_->topoDbColl().find( topoId );
     return db ? db->get() : nullptr;
@@ -185,6 +240,8 @@ AllTopoRouter AllTopoDbView::doRouterCall( const Net::IpGenAddr& teRouterId ) co
     bool found = false;
     const Net::IpGenAddr& ourTeRouterId = allTopoDbStatus_->ourTeRouterId();
     const bool ourselves = teRouterId == ourTeRouterId;
+    const bool constrained = ourselves && constraint_ &&
+                             !( constraint_->pathConstraint() == PathConstraint() );
     for ( const auto& [level, topoDb] : allTopoDb_->topoDbColl() ) {
         const Platform::Ptr<RouterIdMap> routerIdMap =
             allTopoDbStatus_->routerIdMap( level );
@@ -212,14 +269,18 @@ AllTopoRouter AllTopoDbView::doRouterCall( const Net::IpGenAddr& teRouterId ) co
             } catch ( const Platform::Error& e ) {
                 doBadRecord( topoDb->routerTable(), reads_[routerRead].ref, e );
             }
-            Neighbor link;
-            if ( !doNeighbor( *topoDb, k, &link ) ) {
+            LinkAddrs link;
+            if ( !doLinkAddrs( *topoDb, k, &link ) ) {
                 TRACE7( "Neighbor object missing, skipping NeighborKey "
                         << k << " in topoId " << level );
                 continue;
             }
-            if ( ourselves && !neighborAllowed( link ) ) {
-                continue;
+            const size_t linkRead = reads_.size() - 1;
+            if ( constrained ) {
+                Neighbor record;
+                if ( !doNeighbor( *topoDb, k, &record ) || !neighborAllowed( record ) ) {
+                    continue;
+                }
             }
             AllTopoNeighborKey key( level, k, teRouterId );
             if ( k.isRouter() ) {
@@ -229,11 +290,21 @@ AllTopoRouter AllTopoDbView::doRouterCall( const Net::IpGenAddr& teRouterId ) co
                     key.teNeighborIdIs( *far );
                 }
             }
-            if ( !twoWayCheckPassed( key ) ) {
+            // This router lists the key: the checks need only the far side.
+            if ( k.isNetwork() ? !doTwoWayCheckLan( key, topoDb.get(), true )
+                               : !doTwoWayCheckP2P( key, topoDb.get(), &link ) ) {
                 continue;
             }
-            for ( uint32_t a = 0; a < link.interfaceAddrCount(); ++a ) {
-                result.tepIs( link.interfaceAddr( AddrIndex( a ) ) );
+            for ( uint32_t a = 0; a < link.interfaceCount; ++a ) {
+                try {
+                    result.tepIs( Net::IpGenAddr::fromRecord(
+                        link.interfaces + a * LinkAddrs::kAddrSize, "interfaceAddr" ) );
+                } catch ( const Platform::Error& e ) {
+                    if ( !doReported( topoDb->neighborTable(), reads_[linkRead].ref,
+                                      e ) ) {
+                        throw TornRead();
+                    }
+                }
             }
             if ( routerView.overload() && !ourselves ) {
                 TRACE7( "Overload bit set for router "
@@ -310,6 +381,39 @@ Neighbor AllTopoDbView::neighbor( const AllTopoNeighborKey& key ) const {
     } );
 }
 
+AllTopoDbView::LinkMetric AllTopoDbView::neighborMetric(
+    const AllTopoNeighborKey& key ) const {
+    return doStable( [&] {
+        using Routing::Topology::NeighborValue;
+        LinkMetric metric;
+        const TopoDb* topoDb = doTopoDb( key.topoId() );
+        Platform::RecordRef ref;
+        if ( !topoDb ||
+             !doFind( topoDb->neighborTable(),
+                      topoDb->neighborTable().find( key.neighborKey(), ref ), ref ) ) {
+            return metric;
+        }
+        const uint8_t present =
+            ref.len == sizeof( NeighborValue )
+                ? ref.bytes[offsetof( NeighborValue, teMetricPresent )]
+                : 2;
+        if ( present > 1 ) {
+            if ( !doReported( topoDb->neighborTable(), ref,
+                              Platform::DeserializationError(
+                                  "neighbor", "bad length or TE-metric flag" ) ) ) {
+                throw TornRead();
+            }
+            return metric;
+        }
+        metric.teMetricPresent = present == 1;
+        std::memcpy( &metric.teMetric, ref.bytes + offsetof( NeighborValue, teMetric ),
+                     sizeof( metric.teMetric ) );
+        std::memcpy( &metric.igpMetric, ref.bytes + offsetof( NeighborValue, igpMetric ),
+                     sizeof( metric.igpMetric ) );
+        return metric;
+    } );
+}
+
 bool AllTopoDbView::twoWayCheckPassed( const AllTopoNeighborKey& key ) const {
     return key.neighborType() == Routing::Topology::neighborTypeNetwork()
                ? twoWayCheckLan( key )
@@ -317,23 +421,28 @@ bool AllTopoDbView::twoWayCheckPassed( const AllTopoNeighborKey& key ) const {
 }
 
 bool AllTopoDbView::twoWayCheckP2P( const AllTopoNeighborKey& key ) const {
-    return doStable( [&] { return doTwoWayCheckP2P( key ); } );
+    return doStable(
+        [&] { return doTwoWayCheckP2P( key, doTopoDb( key.topoId() ), nullptr ); } );
 }
 
-bool AllTopoDbView::doTwoWayCheckP2P( const AllTopoNeighborKey& key ) const {
+bool AllTopoDbView::doTwoWayCheckP2P( const AllTopoNeighborKey& key, const TopoDb* topoDb,
+                                      const LinkAddrs* listed ) const {
     const NeighborKey& neighborKey = key.neighborKey();
     CSPF_ASSERT( neighborKey.neighborType() == Routing::Topology::neighborTypeRouter() );
-    const TopoDb* topoDb = doTopoDb( key.topoId() );
-    Neighbor forward;
-    RouterView a;
-    if ( topoDb ) {
-        doNeighbor( *topoDb, neighborKey, &forward );
-        doRouter( *topoDb, neighborKey.routerId(), &a, false );
-    }
-    if ( !topoDb || !routerHasNeighbor( a, neighborKey ) ) {
-        TRACE8( "Neighbor's router doesn't have neighborKey " << key
-                                                              << ", returning false" );
-        return false;
+    LinkAddrs forward;
+    if ( listed ) {
+        forward = *listed;
+    } else {
+        RouterView a;
+        if ( topoDb ) {
+            doLinkAddrs( *topoDb, neighborKey, &forward );
+            doRouter( *topoDb, neighborKey.routerId(), &a, false );
+        }
+        if ( !topoDb || !routerHasNeighbor( a, neighborKey ) ) {
+            TRACE8( "Neighbor's router doesn't have neighborKey "
+                    << key << ", returning false" );
+            return false;
+        }
     }
     const Mpls::RouterId& aId = neighborKey.routerId();
     RouterView b;
@@ -341,31 +450,30 @@ bool AllTopoDbView::doTwoWayCheckP2P( const AllTopoNeighborKey& key ) const {
     if ( doRouter( *topoDb, neighborKey.neighborRouterId(), &b, false ) ) {
         const size_t bRead = reads_.size() - 1;
         for ( uint32_t i = 0; i < b.neighborCount(); ++i ) {
-            NeighborKey candidate;
-            try {
-                candidate = b.neighborKey( NeighborIndex( i ) );
-            } catch ( const Platform::Error& e ) {
-                doBadRecord( topoDb->routerTable(), reads_[bRead].ref, e );
-            }
-            if ( !candidate.isRouter() || candidate.farRouterId() != aId ) {
+            // Most of B's keys lead elsewhere: look at the raw far end first.
+            const uint8_t* raw = b.neighborKeyRecord( NeighborIndex( i ) );
+            uint32_t type;
+            std::memcpy( &type, raw + NeighborKey::kTypeOffset, sizeof( type ) );
+            if ( type != Routing::Topology::neighborTypeRouter() ||
+                 std::memcmp( raw + NeighborKey::kFarRouterIdOffset, &aId,
+                              sizeof( aId ) ) != 0 ) {
                 continue;
             }
-            Neighbor reverse;
-            if ( !doNeighbor( *topoDb, candidate, &reverse ) ) {
+            NeighborKey candidate;
+            try {
+                candidate = NeighborKey::fromRecord( raw, "neighborKey" );
+            } catch ( const Platform::Error& e ) {
+                if ( !doReported( topoDb->routerTable(), reads_[bRead].ref, e ) ) {
+                    throw TornRead();
+                }
+                continue;
+            }
+            LinkAddrs reverse;
+            if ( !doLinkAddrs( *topoDb, candidate, &reverse ) ) {
                 continue;
             }
             peerFound = true;
-            bool forwardOk = false;
-            for ( uint32_t n = 0; n < forward.neighborAddrCount() && !forwardOk; ++n ) {
-                forwardOk = neighborHasInterfaceAddr(
-                    reverse, forward.neighborAddr( AddrIndex( n ) ) );
-            }
-            bool reverseOk = false;
-            for ( uint32_t n = 0; n < reverse.neighborAddrCount() && !reverseOk; ++n ) {
-                reverseOk = neighborHasInterfaceAddr(
-                    forward, reverse.neighborAddr( AddrIndex( n ) ) );
-            }
-            if ( forwardOk && reverseOk ) {
+            if ( forward.crosses( reverse ) && reverse.crosses( forward ) ) {
                 return true;
             }
         }
@@ -381,18 +489,19 @@ bool AllTopoDbView::doTwoWayCheckP2P( const AllTopoNeighborKey& key ) const {
 }
 
 bool AllTopoDbView::twoWayCheckLan( const AllTopoNeighborKey& key ) const {
-    return doStable( [&] { return doTwoWayCheckLan( key ); } );
+    return doStable(
+        [&] { return doTwoWayCheckLan( key, doTopoDb( key.topoId() ), false ); } );
 }
 
-bool AllTopoDbView::doTwoWayCheckLan( const AllTopoNeighborKey& key ) const {
+bool AllTopoDbView::doTwoWayCheckLan( const AllTopoNeighborKey& key, const TopoDb* topoDb,
+                                      bool listed ) const {
     const NeighborKey& neighborKey = key.neighborKey();
     CSPF_ASSERT( neighborKey.neighborType() == Routing::Topology::neighborTypeNetwork() );
-    const TopoDb* topoDb = doTopoDb( key.topoId() );
     RouterView a;
-    if ( topoDb ) {
+    if ( topoDb && !listed ) {
         doRouter( *topoDb, neighborKey.routerId(), &a, false );
     }
-    if ( !topoDb || !routerHasNeighbor( a, neighborKey ) ) {
+    if ( !topoDb || ( !listed && !routerHasNeighbor( a, neighborKey ) ) ) {
         TRACE8( "Neighbor's router doesn't have neighborKey " << key
                                                               << ", returning false" );
         return false;

@@ -74,6 +74,14 @@ class AllTopoDbView {
     // The link record of the key's level; a default record carrying the key
     // when the level or the record is missing.
     Routing::Topology::Neighbor neighbor( const AllTopoNeighborKey& key ) const;
+    // The metrics of neighbor( key ), read in place without decoding the
+    // rest of the record: all zero when the record is missing or bad.
+    struct LinkMetric {
+        bool teMetricPresent = false;
+        uint32_t teMetric = 0;
+        uint32_t igpMetric = 0;
+    };
+    LinkMetric neighborMetric( const AllTopoNeighborKey& key ) const;
     // Whether the constraint admits the link (of the computing router).
     bool neighborAllowed( const Routing::Topology::Neighbor& neighbor ) const;
     bool twoWayCheckPassed( const AllTopoNeighborKey& key ) const;
@@ -81,6 +89,20 @@ class AllTopoDbView {
     bool twoWayCheckLan( const AllTopoNeighborKey& key ) const;
 
   private:
+    // The addresses of a link record, in place: what the two-way check and
+    // the TEPs need, without decoding the whole record. Equal addresses are
+    // equal bytes.
+    struct LinkAddrs {
+        static constexpr size_t kAddrSize = sizeof( Net::IpGenAddr );
+        const uint8_t* interfaces = nullptr;
+        uint32_t interfaceCount = 0;
+        const uint8_t* neighbors = nullptr;
+        uint32_t neighborCount = 0;
+        bool interfaceHas( const uint8_t* addr ) const;
+        // Some neighbor address of this end is an interface address of `other`.
+        bool crosses( const LinkAddrs& other ) const;
+    };
+
     struct Read {
         const Platform::TableReaderBase* table;
         Platform::RecordRef ref;
@@ -104,6 +126,8 @@ class AllTopoDbView {
     bool doNeighbor( const Routing::Topology::TopoDb& db,
                      const Routing::Topology::NeighborKey& key,
                      Routing::Topology::Neighbor* neighbor ) const;
+    bool doLinkAddrs( const Routing::Topology::TopoDb& db,
+                      const Routing::Topology::NeighborKey& key, LinkAddrs* addrs ) const;
     bool doFind( const Platform::TableReaderBase& table, bool found,
                  const Platform::RecordRef& ref ) const;
     // A record that failed its checks: torn by a writer (the call runs
@@ -117,8 +141,14 @@ class AllTopoDbView {
 
     AllTopoRouter doRouterCall( const Net::IpGenAddr& teRouterId ) const;
     AllTopoNetwork doNetworkCall( const AllTopoNetworkId& allTopoNetworkId ) const;
-    bool doTwoWayCheckP2P( const AllTopoNeighborKey& key ) const;
-    bool doTwoWayCheckLan( const AllTopoNeighborKey& key ) const;
+    // `listed`: the caller iterates the advertising router's own keys, so
+    // only the far side needs checking (and, point-to-point, these are the
+    // link's addresses).
+    bool doTwoWayCheckP2P( const AllTopoNeighborKey& key,
+                           const Routing::Topology::TopoDb* topoDb,
+                           const LinkAddrs* listed ) const;
+    bool doTwoWayCheckLan( const AllTopoNeighborKey& key,
+                           const Routing::Topology::TopoDb* topoDb, bool listed ) const;
     bool doNeighborAllowedV4( const Routing::Topology::Neighbor& neighbor,
                               const Net::IntfId& intfId ) const;
     bool doNeighborAllowedV6( const Routing::Topology::Neighbor& neighbor,

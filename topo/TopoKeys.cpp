@@ -13,8 +13,8 @@ namespace {
 
 // Offsets of the NeighborKey record (checked against the class in fromRecord).
 constexpr size_t kKeyRouterId = 0;
-constexpr size_t kKeyType = 12;
-constexpr size_t kKeyFarRouterId = 16;
+constexpr size_t kKeyType = NeighborKey::kTypeOffset;
+constexpr size_t kKeyFarRouterId = NeighborKey::kFarRouterIdOffset;
 constexpr size_t kKeyPseudonode = 28;
 constexpr size_t kKeyLinkId = 32;
 

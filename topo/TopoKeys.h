@@ -71,6 +71,11 @@ std::ostream& operator<<( std::ostream& os, const NetworkId& id );
 
 class NeighborKey {
   public:
+    // Where the type word and the far router id sit in the 36-byte record,
+    // for scans that look at many keys before decoding one.
+    static constexpr size_t kTypeOffset = 12;
+    static constexpr size_t kFarRouterIdOffset = 16;
+
     // A router-type key between two empty ids: what an absent record holds.
     NeighborKey() = default;
     // A point-to-point adjacency of `router` to `neighbor`.
