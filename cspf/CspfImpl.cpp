@@ -1,0 +1,218 @@
+#include "cspf/CspfImpl.h"
+
+#include <utility>
+
+#include "platform/Assert.h"
+#include "platform/Mivlog.h"
+#include "topo/TopoRecords.h"
+
+namespace Cspf {
+
+using Routing::Topology::neighborTypeNetwork;
+using Routing::Topology::neighborTypeRouter;
+
+namespace {
+
+bool networkLink( const CspfLinkInfoKey& key ) {
+    return key.neighborType() == neighborTypeNetwork() && !key.routerLink();
+}
+
+}  // namespace
+
+CspfRun::CspfRun( Platform::Ptr<CspfData> cspfData )
+    : cspfData_( std::move( cspfData ) ) {
+    doRunCspf();
+}
+
+void CspfRun::doRunCspf() {
+    CSPF_ASSERT( !cspfData()->tents() );
+    CSPF_ASSERT( !cspfData()->shortestPaths() );
+    CSPF_ASSERT( !cspfData()->routerWithTeps() );
+    CSPF_ASSERT( !cspfData()->shortestPathForNetworks() );
+    CSPF_ASSERT( cspfData()->teps() );
+    CspfData& data = *cspfData_;
+
+    const Net::IpGenAddr source = data.source();
+    TRACE5( "adding source node " << source << " to shortestPath" );
+    data.shortestPathIs( CspfPath( source ) );
+    doAddRouterNeighborsToTent( CspfLinkInfo() );
+
+    while ( data.tents() ) {
+        const CspfLinkInfo linkInfo = data.tentColl().begin()->second;
+        data.tentDel( data.tentColl().begin() );
+        const CspfLinkInfoKey& key = linkInfo.cspfLinkInfoKey();
+        const AllTopoNeighborKey& allTopoNeighborKey = key.allTopoNeighborKey();
+        CSPF_ASSERT( cspfData()->shortestPathHas( allTopoNeighborKey.teNeighborOf() ) );
+
+        if ( networkLink( key ) ) {
+            const AllTopoNetworkId network = allTopoNeighborKey.allTopoNetworkId();
+            if ( !data.shortestPathForNetworkHas( network ) ) {
+                TRACE7( "adding network " << network << " with cost " << linkInfo.cost()
+                                          << " to shortestPathForNetwork" );
+                data.shortestPathForNetworkIs( network, linkInfo.cost() );
+                doAddNetworkRoutersToTent( linkInfo );
+                continue;
+            }
+            const uint32_t shortestPathCost = data.shortestPathForNetwork( network );
+            CSPF_ASSERT( shortestPathCost <= linkInfo.cost() );
+            if ( shortestPathCost == linkInfo.cost() ) {
+                TRACE7( "found another equal cost ("
+                        << linkInfo.cost() << ") path for network " << network );
+                doAddNetworkRoutersToTent( linkInfo );
+            } else {
+                TRACE7( "network " << network << " is already in shortestPathForNetwork"
+                                   << " with cost " << shortestPathCost << ", "
+                                   << "skipping..." );
+            }
+            continue;
+        }
+
+        Net::IpGenAddr router;
+        if ( key.neighborType() == neighborTypeRouter() ) {
+            router = allTopoNeighborKey.teNeighborId();
+        } else {
+            CSPF_ASSERT( cspfData()->shortestPathForNetworkHas(
+                allTopoNeighborKey.allTopoNetworkId() ) );
+            router = key.routerInNetwork();
+        }
+        CspfPath* cspfPathPtr = data.shortestPathFind( router );
+        if ( !cspfPathPtr ) {
+            doSettleRouter( linkInfo, router );
+            continue;
+        }
+        CspfPath& cspfPath = *cspfPathPtr;
+        if ( !cspfPath.lastLinks() ) {
+            CSPF_ASSERT( cspfPath.teRouterId() == cspfData()->source() );
+            TRACE7( "Path back to self found via " << key << ", skipping..." );
+            continue;
+        }
+        const CspfLinkInfo& lastLink = cspfPath.begin()->second;
+        CSPF_ASSERT( lastLink.cspfLinkInfoKey() <= linkInfo.cspfLinkInfoKey() );
+        if ( lastLink.cspfLinkInfoKey().equalCost( key ) ) {
+            TRACE7( "adding another equal cost path for router "
+                    << router << " to shortestPath via " << key );
+            cspfPath.lastLinkIs( linkInfo );
+        } else {
+            TRACE7( "router " << router << " is already in shortestPath, skipping..." );
+        }
+    }
+}
+
+void CspfRun::doSettleRouter( const CspfLinkInfo& linkInfo,
+                              const Net::IpGenAddr& router ) {
+    CspfData& data = *cspfData_;
+    TRACE7( "adding router " << router << " to shortestPath via "
+                             << linkInfo.cspfLinkInfoKey() );
+    CspfPath path( router );
+    path.newLastLink( linkInfo );
+    data.shortestPathIs( path );
+    // The view answers the same within one run: the router it gave for the
+    // expansion carries the TEPs too.
+    const AllTopoRouter found = doAddRouterNeighborsToTent( linkInfo );
+    for ( const Net::IpGenAddr& tep : found.tep() ) {
+        if ( !data.tepHas( tep ) ) {
+            continue;
+        }
+        const auto& owners = data.routerWithTepColl();
+        auto owner = owners.find( tep );
+        if ( owner != owners.end() ) {
+            TRACE7( "already found TEP " << tep << " on router " << owner->second
+                                         << ", ignoring the same on router " << router );
+            continue;
+        }
+        TRACE6( "found TEP " << tep << " on router " << router );
+        data.routerWithTepIs( tep, router );
+    }
+}
+
+AllTopoRouter CspfRun::doAddRouterNeighborsToTent( const CspfLinkInfo& linkInfo ) {
+    CspfData& data = *cspfData_;
+    const CspfLinkInfoKey& sourceNode = linkInfo.cspfLinkInfoKey();
+    Net::IpGenAddr routerId;
+    if ( !linkInfo ) {
+        routerId = data.source();
+    } else if ( sourceNode.neighborType() == neighborTypeRouter() ) {
+        routerId = sourceNode.allTopoNeighborKey().teNeighborId();
+    } else {
+        CSPF_ASSERT( !sourceNode.routerInNetwork().isAddrZero() );
+        routerId = sourceNode.routerInNetwork();
+    }
+    AllTopoRouter router = data.allTopoDbView()->router( routerId );
+    for ( const AllTopoNeighborKey& neighborKey : router.neighbor() ) {
+        // The metrics of the link's record, read where it lies.
+        const AllTopoDbView::LinkMetric neighbor =
+            data.allTopoDbView()->neighborMetric( neighborKey );
+        const uint32_t metric =
+            neighbor.teMetricPresent ? neighbor.teMetric : neighbor.igpMetric;
+        if ( metric == 0 ) {
+            TRACE7( "Not adding neighbor "
+                    << neighborKey << " from topo " << neighborKey.topoId()
+                    << " to tent list as its metric is zero, "
+                    << "teMetricPresent " << neighbor.teMetricPresent );
+            continue;
+        }
+        const uint64_t cost = uint64_t{ linkInfo.cost() } + metric;
+        if ( cost > maxPathMetric ) {
+            TRACE7( "Not adding neighbor " << neighborKey << " from topo "
+                                           << neighborKey.topoId()
+                                           << " to tent list as its path "
+                                           << "cost is more than maximum path metric" );
+            continue;
+        }
+        const CspfLinkInfo info( CspfLinkInfoKey( neighborKey, uint32_t( cost ) ) );
+        doTraceAddNeighbor( __PRETTY_FUNCTION__, info, metric );
+        CSPF_ASSERT_AS( data.tentAdd( info ),
+                        "!cspfData()->tentHas( linkInfo.cspfLinkInfoKey() )" );
+    }
+    return router;
+}
+
+void CspfRun::doAddNetworkRoutersToTent( const CspfLinkInfo& linkInfo ) {
+    CspfData& data = *cspfData_;
+    const AllTopoNetwork network = data.allTopoDbView()->network(
+        linkInfo.cspfLinkInfoKey().allTopoNeighborKey().allTopoNetworkId() );
+    for ( const Net::IpGenAddr& router : network.router() ) {
+        CspfLinkInfoKey key = linkInfo.cspfLinkInfoKey();
+        key.routerInNetworkIs( router );
+        const CspfLinkInfo info( key );
+        doTraceAddNeighbor( __PRETTY_FUNCTION__, info, 0 );
+        CSPF_ASSERT_AS( data.tentAdd( info ),
+                        "!cspfData()->tentHas( linkInfo.cspfLinkInfoKey() )" );
+    }
+}
+
+void CspfRun::doTraceAddNeighbor( std::string_view callerName,
+                                  const CspfLinkInfo& linkInfo, uint32_t metric ) const {
+    const CspfLinkInfoKey& key = linkInfo.cspfLinkInfoKey();
+    const AllTopoNeighborKey& link = key.allTopoNeighborKey();
+    if ( key.neighborType() == neighborTypeNetwork() ) {
+        const Mpls::RouterId lan = link.neighborKey().networkId().dr;
+        if ( key.routerLink() ) {
+            TRACE_FOR( 7, callerName,
+                       "adding neighbor " << key.routerInNetwork() << " of "
+                                          << link.teNeighborOf() << " on LAN " << lan
+                                          << " to tent list from topo " << link.topoId()
+                                          << " with cost " << key.cost() << " and metric "
+                                          << metric );
+        } else {
+            TRACE_FOR( 7, callerName,
+                       "adding network " << lan << " of " << link.teNeighborOf()
+                                         << " to tent list from topo " << link.topoId()
+                                         << " with cost " << key.cost() << " and metric "
+                                         << metric );
+        }
+        return;
+    }
+    TRACE_FOR( 7, callerName,
+               "adding neighbor " << link.teNeighborId() << " of " << link.teNeighborOf()
+                                  << " on link " << link.neighborKey().linkId()
+                                  << " to tent list from topo " << link.topoId()
+                                  << " with cost " << key.cost() << " and metric "
+                                  << metric );
+}
+
+Platform::Ptr<CspfRun> cspfRunFactory( Platform::Ptr<CspfData> cspfData ) {
+    return Platform::Ptr<CspfRun>( new CspfRun( std::move( cspfData ) ) );
+}
+
+}  // namespace Cspf
