@@ -3,23 +3,19 @@
 // Commands are dispatched by their first words; each prints one clear line
 // on error and exits non-zero (2 for a bad invocation or bad input, 1 for a
 // failure of the system). docs/operating.md describes every command.
+#include <algorithm>
 #include <cstdio>
-#include <cstring>
-#include <fstream>
-#include <functional>
 #include <string>
 #include <vector>
 
 #include "platform/Error.h"
 #include "platform/StateTree.h"
-#include "records/VrfName.h"
+#include "tools/Ctl.h"
 #include "tools/TopologyFile.h"
-#include "tools/TopologyImport.h"
-#include "tools/TopologyLoad.h"
 
 namespace {
 
-using Args = std::vector<std::string>;
+using namespace Cspf::Ctl;
 
 constexpr const char* kUsage =
     "usage: cspfctl [--root DIR] COMMAND ...\n"
@@ -29,87 +25,21 @@ constexpr const char* kUsage =
     "tables\n"
     "  topo import --format repetita|netdice FILE -o OUT.json\n"
     "                                   turn a research topology into a topology file\n"
+    "  topo show [--vrf NAME] [--topology FILE]\n"
+    "                                   the topology as the agent's model sees it: "
+    "routers\n"
+    "                                   by TE router id, usable and refused links, "
+    "TEPs,\n"
+    "                                   LANs (from the tree, or from a file offline)\n"
+    "\n"
+    "Offline computation (the agent's own CSPF on a topology file):\n"
+    "  compute --topology FILE --source TE_ROUTER_ID [--tep ADDR]... [--exclude "
+    "INTERFACE]\n"
+    "          [--af ipv4|ipv6] [--tree] [--json]\n"
+    "                                   --tree lists every settled router with its cost\n"
+    "                                   and parents; --json prints one object per line\n"
     "\n"
     "The state tree's root is --root, else $CSPF_STATE_ROOT, else /dev/shm/cspf.\n";
-
-// A bad invocation or bad input: exit status 2.
-struct UsageError : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
-// Takes the value of `--name VALUE` out of `args`; `fallback` when absent.
-std::string takeOption( Args& args, const std::string& name,
-                        const std::string& fallback ) {
-    for ( size_t i = 0; i < args.size(); ++i ) {
-        if ( args[i] == name ) {
-            if ( i + 1 == args.size() ) {
-                throw UsageError( name + " needs a value" );
-            }
-            std::string value = args[i + 1];
-            args.erase( args.begin() + static_cast<long>( i ),
-                        args.begin() + static_cast<long>( i ) + 2 );
-            return value;
-        }
-    }
-    return fallback;
-}
-
-void expectArgs( const Args& args, size_t n, const char* what ) {
-    if ( args.size() != n ) {
-        throw UsageError( std::string( "expected " ) + what );
-    }
-}
-
-int topoLoad( Args args, const std::string& root ) {
-    const L3::VrfName vrf( takeOption( args, "--vrf", "default" ) );
-    expectArgs( args, 1, "one topology FILE" );
-    const Cspf::TopoFile::Topology topology = Cspf::TopoFile::loadTopologyFile( args[0] );
-    Platform::StateTree tree( root );
-    const auto summary = Cspf::TopoFile::loadIntoTree( topology, tree, vrf, args[0] );
-    std::printf( "loaded %s into vrf %s: %zu records, %zu written, %zu removed\n",
-                 args[0].c_str(), vrf.name().c_str(), summary.records, summary.written,
-                 summary.removed );
-    return 0;
-}
-
-int topoImport( Args args, const std::string& ) {
-    const std::string format = takeOption( args, "--format", "" );
-    const std::string out = takeOption( args, "-o", "" );
-    expectArgs( args, 1, "one input FILE" );
-    if ( out.empty() ) {
-        throw UsageError( "topo import needs -o OUT.json" );
-    }
-    Cspf::TopoFile::ImportResult result;
-    if ( format == "repetita" ) {
-        result = Cspf::TopoFile::importRepetita( args[0] );
-    } else if ( format == "netdice" ) {
-        result = Cspf::TopoFile::importNetdice( args[0] );
-    } else {
-        throw UsageError( "--format must be repetita or netdice" );
-    }
-    std::ofstream file( out );
-    file << Cspf::TopoFile::toJson( result.topology );
-    if ( !file.flush() ) {
-        throw Platform::Error( "cannot write " + out + ": " + std::strerror( errno ) );
-    }
-    for ( const std::string& warning : result.warnings ) {
-        std::fprintf( stderr, "warning: %s\n", warning.c_str() );
-    }
-    std::printf( "imported %s: %zu routers, %zu links -> %s\n", args[0].c_str(),
-                 result.topology.routers.size(), result.topology.links.size(),
-                 out.c_str() );
-    return 0;
-}
-
-struct Command {
-    std::vector<std::string> words;
-    std::function<int( Args, const std::string& )> run;
-};
-
-const std::vector<Command> kCommands = {
-    { { "topo", "load" }, topoLoad },
-    { { "topo", "import" }, topoImport },
-};
 
 }  // namespace
 
@@ -122,7 +52,11 @@ int main( int argc, char** argv ) {
         }
         const std::string root =
             takeOption( args, "--root", Platform::StateTree::defaultRoot() );
-        for ( const Command& c : kCommands ) {
+        std::vector<Command> commands = topologyCommands();
+        for ( Command& c : computeCommands() ) {
+            commands.push_back( std::move( c ) );
+        }
+        for ( const Command& c : commands ) {
             if ( args.size() >= c.words.size() &&
                  std::equal( c.words.begin(), c.words.end(), args.begin() ) ) {
                 return c.run( Args( args.begin() + static_cast<long>( c.words.size() ),
@@ -140,6 +74,9 @@ int main( int argc, char** argv ) {
         std::fprintf( stderr, "cspfctl: %s\n", e.what() );
         return 2;
     } catch ( const Platform::NameError& e ) {
+        std::fprintf( stderr, "cspfctl: %s\n", e.what() );
+        return 2;
+    } catch ( const Platform::DeserializationError& e ) {
         std::fprintf( stderr, "cspfctl: %s\n", e.what() );
         return 2;
     } catch ( const std::exception& e ) {

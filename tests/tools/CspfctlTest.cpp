@@ -1,0 +1,134 @@
+// cspfctl as operators run it: compute and topo show on the example and on a
+// topology with faults, and the exit statuses of bad invocations.
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+std::filesystem::path repoRoot() {
+    return std::filesystem::path( __FILE__ ).parent_path().parent_path().parent_path();
+}
+
+struct CtlRun {
+    int status = -1;
+    std::string out;
+};
+
+// Runs cspfctl with `args` (stderr folded into the output).
+CtlRun cspfctl( const std::string& args ) {
+    CtlRun run;
+    const std::string command = std::string( CSPFCTL_PATH ) + " " + args + " 2>&1";
+    FILE* pipe = popen( command.c_str(), "r" );
+    char buffer[4096];
+    size_t n;
+    while ( ( n = fread( buffer, 1, sizeof( buffer ), pipe ) ) > 0 ) {
+        run.out.append( buffer, n );
+    }
+    const int status = pclose( pipe );
+    run.status = WIFEXITED( status ) ? WEXITSTATUS( status ) : -1;
+    return run;
+}
+
+const std::string kExample = ( repoRoot() / "examples" / "topology.json" ).string();
+
+TEST( CspfctlTest, ComputePrintsTheTreeAndTheTepOwnersAsJsonLines ) {
+    const CtlRun run =
+        cspfctl( "compute --topology " + kExample +
+                 " --source 10.0.0.4 --tree --json --tep 10.1.12.0 --tep 9.9.9.9" );
+    ASSERT_EQ( run.status, 0 ) << run.out;
+    EXPECT_EQ( run.out,
+               "{\"router\":\"10.0.0.4\",\"cost\":0,\"parents\":[]}\n"
+               "{\"router\":\"10.0.0.5\",\"cost\":5,\"parents\":[\"10.0.0.4\"]}\n"
+               "{\"router\":\"10.0.0.3\",\"cost\":10,\"parents\":[\"10.0.0.4\"]}\n"
+               "{\"router\":\"10.0.0.1\",\"cost\":20,\"parents\":[\"10.0.0.3\"]}\n"
+               "{\"router\":\"10.0.0.6\",\"cost\":30,\"parents\":[\"10.0.0.3\"]}\n"
+               "{\"router\":\"10.0.0.2\",\"cost\":40,\"parents\":[\"10.0.0.6\"]}\n"
+               "{\"tep\":\"10.1.12.0\",\"owner\":\"10.0.0.1\",\"hops\":[]}\n"
+               "{\"tep\":\"9.9.9.9\",\"owner\":null,\"hops\":[]}\n" );
+}
+
+TEST( CspfctlTest, ComputeExcludesTheSourcesInterface ) {
+    // r1's Ethernet2 leads to r3; without it everything goes through r2.
+    const CtlRun run = cspfctl( "compute --topology " + kExample +
+                                " --source 10.0.0.1 --exclude Ethernet2 --tree" );
+    ASSERT_EQ( run.status, 0 ) << run.out;
+    EXPECT_NE( run.out.find( "10.0.0.3                  130  10.0.0.6" ),
+               std::string::npos )
+        << run.out;
+    const CtlRun v6 =
+        cspfctl( "compute --topology " + kExample +
+                 " --source 10.0.0.1 --exclude Ethernet2 --af ipv6 --tree" );
+    EXPECT_NE( v6.out.find( "10.0.0.3                  130" ), std::string::npos )
+        << v6.out;
+}
+
+TEST( CspfctlTest, BadInvocationsExitTwoWithOneLine ) {
+    for ( const std::string& args : std::vector<std::string>{
+              "compute --topology " + kExample + " --source 10.9.9.9",
+              "compute --topology " + kExample + " --source 10.0.0.x",
+              "compute --topology " + kExample + " --source 10.0.0.1 --tep nope",
+              "compute --topology " + kExample + " --source 10.0.0.1 --af ipx",
+              "compute --topology " + kExample + " --source 10.0.0.1 --exclude a/b/c/d/e",
+              std::string( "compute --topology /nonexistent.json --source 10.0.0.1" ),
+              std::string( "compute" ), std::string( "topo frobnicate" ) } ) {
+        const CtlRun run = cspfctl( args );
+        EXPECT_EQ( run.status, 2 ) << args << ": " << run.out;
+        EXPECT_EQ( run.out.rfind( "cspfctl: ", 0 ), 0u ) << args << ": " << run.out;
+        EXPECT_EQ( run.out.find( '\n' ), run.out.size() - 1 ) << args << ": " << run.out;
+    }
+}
+
+TEST( CspfctlTest, TopoShowTellsWhyALinkIsNotUsable ) {
+    char tmpl[] = "/dev/shm/cspfctltest-XXXXXX";
+    const std::string dir = mkdtemp( tmpl );
+    const std::string file = dir + "/faulty.json";
+    std::ofstream( file ) << R"({ "format": "cspf-topology/1",
+      "routers": [
+        { "name": "a", "systemId": "0000.0000.0001", "teRouterId": "10.0.0.1", "levels": [2] },
+        { "name": "b", "systemId": "0000.0000.0002", "teRouterId": "10.0.0.2", "levels": [2] },
+        { "name": "c", "systemId": "0000.0000.0003", "teRouterId": "10.0.0.3", "levels": [2],
+          "overload": true } ],
+      "links": [
+        { "level": 2, "ends": [
+          { "router": "a", "interface": "Ethernet1", "ipv4": "10.1.0.0/31", "metric": 10 },
+          { "router": "b", "interface": "Ethernet1", "ipv4": "10.1.0.1/31", "metric": 10,
+            "neighborAddress": "10.1.0.7" } ] },
+        { "level": 2, "ends": [
+          { "router": "a", "interface": "Ethernet2", "ipv4": "10.2.0.0/31", "metric": 10 },
+          { "router": "c", "interface": "Ethernet1", "ipv4": "10.2.0.1/31", "metric": 10 } ] },
+        { "level": 2, "ends": [
+          { "router": "b", "interface": "Ethernet2", "ipv4": "10.3.0.0/31", "metric": 10 },
+          { "router": "c", "interface": "Ethernet2", "ipv4": "10.3.0.1/31", "metric": 10,
+            "record": false } ] } ] })";
+    const CtlRun load = cspfctl( "--root " + dir + "/tree topo load " + file );
+    ASSERT_EQ( load.status, 0 ) << load.out;
+    const CtlRun tree = cspfctl( "--root " + dir + "/tree topo show" );
+    const CtlRun offline = cspfctl( "topo show --topology " + file );
+    const CtlRun none = cspfctl( "--root " + dir + "/none topo show" );
+    std::filesystem::remove_all( dir );
+    EXPECT_EQ( none.status, 1 ) << none.out;
+    ASSERT_EQ( tree.status, 0 ) << tree.out;
+    EXPECT_EQ( tree.out, offline.out );
+    for ( const char* expected :
+          { "router 10.0.0.1 isisL2:0000.0000.0001\n"
+            "  -> 10.0.0.3        isisL2 link 2  metric 10  10.2.0.0 -> 10.2.0.1\n"
+            "  not usable: isisL2 0000.0000.0001 -> 0000.0000.0002 link 1 (fails the "
+            "two-way check)\n",
+            "router 10.0.0.3 isisL2:0000.0000.0003 overload\n",
+            "  not usable: isisL2 0000.0000.0003 -> 0000.0000.0001 link 2 (overloaded: "
+            "no "
+            "transit)\n",
+            "  not usable: isisL2 0000.0000.0003 -> 0000.0000.0002 link 3 (no link "
+            "record)\n" } ) {
+        EXPECT_NE( tree.out.find( expected ), std::string::npos ) << tree.out;
+    }
+}
+
+}  // namespace

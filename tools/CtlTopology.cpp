@@ -1,0 +1,245 @@
+// cspfctl topo ...: the IS-IS side of tests, the demo and labs (load,
+// import), and the topology as the agent's model sees it (show).
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "platform/Entity.h"
+#include "platform/Error.h"
+#include "platform/StateTree.h"
+#include "records/TeConfig.h"
+#include "records/VrfName.h"
+#include "tools/Ctl.h"
+#include "tools/OfflineTopology.h"
+#include "tools/TopologyFile.h"
+#include "tools/TopologyImport.h"
+#include "tools/TopologyLoad.h"
+#include "topo/AllTopoDbSm.h"
+#include "topo/AllTopoDbView.h"
+#include "topo/TopoDb.h"
+
+namespace Cspf::Ctl {
+
+namespace {
+
+int topoLoad( Args args, const std::string& root ) {
+    const L3::VrfName vrf( takeOption( args, "--vrf", "default" ) );
+    expectArgs( args, 1, "one topology FILE" );
+    const Cspf::TopoFile::Topology topology = Cspf::TopoFile::loadTopologyFile( args[0] );
+    Platform::StateTree tree( root );
+    const auto summary = Cspf::TopoFile::loadIntoTree( topology, tree, vrf, args[0] );
+    std::printf( "loaded %s into vrf %s: %zu records, %zu written, %zu removed\n",
+                 args[0].c_str(), vrf.name().c_str(), summary.records, summary.written,
+                 summary.removed );
+    return 0;
+}
+
+int topoImport( Args args, const std::string& ) {
+    const std::string format = takeOption( args, "--format", "" );
+    const std::string out = takeOption( args, "-o", "" );
+    expectArgs( args, 1, "one input FILE" );
+    if ( out.empty() ) {
+        throw UsageError( "topo import needs -o OUT.json" );
+    }
+    Cspf::TopoFile::ImportResult result;
+    if ( format == "repetita" ) {
+        result = Cspf::TopoFile::importRepetita( args[0] );
+    } else if ( format == "netdice" ) {
+        result = Cspf::TopoFile::importNetdice( args[0] );
+    } else {
+        throw UsageError( "--format must be repetita or netdice" );
+    }
+    std::ofstream file( out );
+    file << Cspf::TopoFile::toJson( result.topology );
+    if ( !file.flush() ) {
+        throw Platform::Error( "cannot write " + out + ": " + std::strerror( errno ) );
+    }
+    for ( const std::string& warning : result.warnings ) {
+        std::fprintf( stderr, "warning: %s\n", warning.c_str() );
+    }
+    std::printf( "imported %s: %zu routers, %zu links -> %s\n", args[0].c_str(),
+                 result.topology.routers.size(), result.topology.links.size(),
+                 out.c_str() );
+    return 0;
+}
+
+std::string metricText( const Routing::Topology::Neighbor& link ) {
+    std::string text = "metric " + std::to_string( link.igpMetric() );
+    if ( link.teMetricPresent() ) {
+        text += " te " + std::to_string( link.teMetric() );
+    }
+    return text;
+}
+
+std::string addrsText( const Routing::Topology::AddrArray& addrs ) {
+    std::string text;
+    for ( const Net::IpGenAddr& addr : addrs ) {
+        text += ( text.empty() ? "" : "," ) + addr.toString();
+    }
+    return text.empty() ? "-" : text;
+}
+
+// Why an advertised link is not in the model's router.
+std::string refusal( const AllTopoDbView& view, const Routing::Topology::TopoDb& db,
+                     const AllTopoNeighborKey& key, bool overload ) {
+    if ( !db.neighborHas( key.neighborKey() ) ) {
+        return "no link record";
+    }
+    if ( !view.twoWayCheckPassed( key ) ) {
+        return key.neighborKey().isRouter() ? "fails the two-way check"
+                                            : "the LAN does not list the router";
+    }
+    return overload ? "overloaded: no transit" : "excluded";
+}
+
+// Every router by TE router id with its usable links, its refused ones and its
+// TEPs; then the LANs; then the TE router ids claimed twice.
+void printModel( const AllTopoDb& allTopoDb, const AllTopoDbStatus& status,
+                 const AllTopoDbView& view ) {
+    std::map<Net::IpGenAddr, std::vector<std::pair<TopoId, Mpls::RouterId>>> routers;
+    for ( const auto& [level, map] : status.routerIdMapColl() ) {
+        for ( const auto& [te, igp] : map->igpRouterIdColl() ) {
+            routers[te].push_back( { level, igp } );
+        }
+    }
+    for ( const auto& [level, db] : allTopoDb.topoDbColl() ) {
+        if ( db->routers().empty() && db->networks().empty() &&
+             db->neighbors().empty() ) {
+            continue;
+        }
+        std::printf( "level %s: %zu routers, %zu LANs, %zu links\n",
+                     toString( level ).c_str(), db->routers().size(),
+                     db->networks().size(), db->neighbors().size() );
+    }
+    for ( auto& [te, igps] : routers ) {
+        std::sort( igps.begin(), igps.end() );
+        const AllTopoRouter router = view.router( te );
+        std::string where;
+        bool overload = false;
+        for ( const auto& [level, igp] : igps ) {
+            const auto db = allTopoDb.topoDb( level );
+            const bool over = db->router( igp ).overload();
+            overload = overload || over;
+            where += " " + toString( level ) + ":" + igp.toString() +
+                     ( over ? " overload" : "" );
+        }
+        std::printf( "router %s%s\n", te.toString().c_str(), where.c_str() );
+        std::vector<AllTopoNeighborKey> links( router.neighbor().begin(),
+                                               router.neighbor().end() );
+        std::sort( links.begin(), links.end() );
+        for ( const AllTopoNeighborKey& key : links ) {
+            const Routing::Topology::Neighbor link = view.neighbor( key );
+            if ( key.neighborKey().isRouter() ) {
+                std::printf( "  -> %-15s %s link %u  %s  %s -> %s\n",
+                             key.teNeighborId().toString().c_str(),
+                             toString( key.topoId() ).c_str(), key.neighborKey().linkId(),
+                             metricText( link ).c_str(),
+                             addrsText( link.interfaceAddrs() ).c_str(),
+                             addrsText( link.neighborAddrs() ).c_str() );
+            } else {
+                std::printf( "  -> LAN %s %s  %s  %s\n",
+                             key.neighborKey().networkId().stringValue().c_str(),
+                             toString( key.topoId() ).c_str(), metricText( link ).c_str(),
+                             addrsText( link.interfaceAddrs() ).c_str() );
+            }
+        }
+        for ( const auto& [level, igp] : igps ) {
+            const auto db = allTopoDb.topoDb( level );
+            const Routing::Topology::Router record = db->router( igp );
+            const auto map = status.routerIdMap( level );
+            for ( const auto& k : record.neighborKeys() ) {
+                AllTopoNeighborKey key( level, k, te );
+                if ( k.isRouter() ) {
+                    key.teNeighborIdIs( map->teRouterId( k.neighborRouterId() ) );
+                }
+                if ( !router.neighborHas( key ) ) {
+                    std::printf( "  not usable: %s %s (%s)\n", toString( level ).c_str(),
+                                 k.stringValue().c_str(),
+                                 refusal( view, *db, key, overload ).c_str() );
+                }
+            }
+        }
+        std::vector<Net::IpGenAddr> teps( router.tep().begin(), router.tep().end() );
+        std::sort( teps.begin(), teps.end() );
+        std::string tepText;
+        for ( const auto& tep : teps ) {
+            tepText += " " + tep.toString();
+        }
+        std::printf( "  teps:%s\n", tepText.c_str() );
+    }
+    for ( const auto& [level, db] : allTopoDb.topoDbColl() ) {
+        for ( const auto& [id, version] : db->networks() ) {
+            const AllTopoNetwork lan = view.network( AllTopoNetworkId( level, id ) );
+            std::vector<Net::IpGenAddr> members( lan.router().begin(),
+                                                 lan.router().end() );
+            std::sort( members.begin(), members.end() );
+            std::string text;
+            for ( const auto& m : members ) {
+                text += " " + m.toString();
+            }
+            std::printf( "lan %s %s:%s\n", toString( level ).c_str(),
+                         id.stringValue().c_str(), text.empty() ? " -" : text.c_str() );
+        }
+    }
+    for ( const auto& [level, map] : status.routerIdMapColl() ) {
+        for ( const auto& [te, duplicates] : map->duplicateRoutersColl() ) {
+            for ( const auto& [igp, yes] : duplicates->routerColl() ) {
+                std::printf(
+                    "duplicate %s: %s claims TE router id %s, held by %s; ignored\n",
+                    toString( level ).c_str(), igp.toString().c_str(),
+                    te.toString().c_str(), map->igpRouterId( te ).toString().c_str() );
+            }
+        }
+    }
+}
+
+int topoShow( Args args, const std::string& root ) {
+    const std::string file = takeOption( args, "--topology", "" );
+    const L3::VrfName vrf( takeOption( args, "--vrf", "default" ) );
+    expectArgs( args, 0, "no further arguments" );
+    if ( !file.empty() ) {
+        OfflineTopology offline( TopoFile::loadTopologyFile( file ) );
+        const auto view = offline.view( Net::IntfId(), Net::AddressFamily::ipv4 );
+        printModel( *offline.allTopoDb(), *offline.allTopoDbStatus(), *view );
+        return 0;
+    }
+    Platform::StateTree tree( root );
+    auto allTopoDb = Platform::create<AllTopoDb>();
+    for ( int level = 1; level <= 2; ++level ) {
+        if ( tree.exists( Routing::Topology::topoDbPath( level, vrf ) ) ) {
+            allTopoDb->topoDbIs( level == 1 ? TopoId::isisL1 : TopoId::isisL2,
+                                 Platform::create<Routing::Topology::TopoDb>(
+                                     tree, nullptr, level, vrf ) );
+        }
+    }
+    if ( !allTopoDb->topoDbs() ) {
+        throw Platform::Error( "no IS-IS topology for vrf " + vrf.name() + " under " +
+                               tree.root() );
+    }
+    auto status = Platform::create<AllTopoDbStatus>( nullptr );
+    auto config = Platform::create<TrafficEngineering::Config>(
+        tree, nullptr, TrafficEngineering::kConfigPath );
+    auto sm = Platform::create<AllTopoDbSm>( allTopoDb, status, config );
+    const AllTopoDbView view( allTopoDb, status, nullptr, nullptr, nullptr );
+    printModel( *allTopoDb, *status, view );
+    return 0;
+}
+
+}  // namespace
+
+std::vector<Command> topologyCommands() {
+    return {
+        { { "topo", "load" }, topoLoad },
+        { { "topo", "import" }, topoImport },
+        { { "topo", "show" }, topoShow },
+    };
+}
+
+}  // namespace Cspf::Ctl
