@@ -11,6 +11,7 @@ packages=(
   libgtest-dev
   libgmock-dev
   libbenchmark-dev
+  libboost-graph-dev
   clang-format
   nlohmann-json3-dev
 )
