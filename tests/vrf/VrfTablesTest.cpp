@@ -1,0 +1,346 @@
+// The per-VRF bookkeeping records: keys, change-only notification, hop
+// bounds, the constraint table's notifiee and the exact dump texts.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <limits>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "platform/Age.h"
+#include "platform/Clock.h"
+#include "platform/Error.h"
+#include "root/DedupConstraintTable.h"
+#include "vrf/ConstraintInfoTableNotifiee.h"
+#include "vrf/PathArray.h"
+#include "vrf/PathTables.h"
+
+using namespace Cspf;
+using Net::IpGenAddr;
+using Platform::Ptr;
+
+namespace {
+
+PathKey pk( const char* dest, uint32_t id ) {
+    return PathKey( IpGenAddr( dest ), id );
+}
+
+std::string ptrText( const void* p ) {
+    char text[32];
+    std::snprintf( text, sizeof( text ), "%p", p );
+    return text;
+}
+
+template <typename F>
+std::string dumpOf( F dump ) {
+    int fds[2];
+    EXPECT_EQ( pipe( fds ), 0 );
+    {
+        Platform::DumpContext context( fds[1] );
+        dump( context );
+    }
+    close( fds[1] );
+    std::string out;
+    char buf[4096];
+    for ( ssize_t n; ( n = read( fds[0], buf, sizeof( buf ) ) ) > 0; ) {
+        out.append( buf, size_t( n ) );
+    }
+    close( fds[0] );
+    return out;
+}
+
+// Counts the notifications of one tag.
+template <typename Tag>
+Platform::SubscriptionPtr counter( Platform::Notifier* n, const Tag& tag, int& count ) {
+    if constexpr ( std::is_same_v<Tag, Platform::AttrTag> ) {
+        return Platform::subscribe( n, tag, [&count] { ++count; } );
+    } else {
+        return Platform::subscribe( n, tag, [&count]( const auto& ) { ++count; } );
+    }
+}
+
+std::string literal( const std::string& text ) {
+    std::string re;
+    for ( char c : text ) {
+        if ( std::string( "()[]{}.*+?^$|\\" ).find( c ) != std::string::npos ) {
+            re += '\\';
+        }
+        re += c;
+    }
+    return re;
+}
+
+DedupConstraintContent excluding( const char* intf ) {
+    return DedupConstraintContent( PathConstraint( Net::IntfId( intf ) ) );
+}
+
+}  // namespace
+
+TEST( PathInfoKey, OrdersByClientThenPathKeyAndHashesByValue ) {
+    const PathInfoKey a1( "alpha", pk( "10.0.0.9", 9 ) );
+    const PathInfoKey a2( "alpha", pk( "10.0.0.9", 10 ) );
+    const PathInfoKey a3( "alpha", pk( "10.0.0.10", 1 ) );
+    const PathInfoKey b( "beta", pk( "10.0.0.1", 0 ) );
+    EXPECT_TRUE( a1 < a2 );
+    EXPECT_TRUE( a2 < a3 );
+    // Another client orders by its name alone, whatever its PathKey.
+    EXPECT_TRUE( a3 < b );
+    EXPECT_FALSE( b < a1 );
+    EXPECT_FALSE( a1 < a1 );
+
+    const PathInfoKey again( std::string( "alp" ) + "ha", pk( "10.0.0.9", 9 ) );
+    EXPECT_EQ( again, a1 );
+    EXPECT_EQ( again.hash(), a1.hash() );
+    EXPECT_NE( PathInfoKey( "gamma", pk( "10.0.0.9", 9 ) ), a1 );
+    Platform::HashColl<PathInfoKey, int> coll;
+    coll.set( a1, 1 );
+    coll.set( b, 2 );
+    EXPECT_EQ( coll.get( again ), 1 );
+
+    EXPECT_FALSE( PathInfoKey() );
+    EXPECT_FALSE( PathInfoKey( "", PathKey() ) );
+    EXPECT_TRUE( PathInfoKey( "alpha", PathKey() ) );
+    EXPECT_TRUE( PathInfoKey( "", pk( "10.0.0.1", 0 ) ) );
+}
+
+TEST( PathInfoKey, StringFormReadsBackWhateverTheNameHolds ) {
+    const PathInfoKey key( "te1", pk( "10.0.0.1", 7 ) );
+    EXPECT_EQ( key.toString(),
+               "Value('Cspf::PathInfoKey', ** {'clientName': te1, 'pathKey': "
+               "Value('Cspf::PathKey', ** {'destination': 10.0.0.1, 'id': 7})})" );
+    for ( const PathInfoKey& k :
+          { key, PathInfoKey(), PathInfoKey( "a, 'pathKey': b", pk( "2001:db8::1", 3 ) ),
+            PathInfoKey( "x})", pk( "10.0.0.2", 0 ) ) } ) {
+        const std::string text = k.toString();
+        EXPECT_EQ( PathInfoKey( text ), k ) << text;
+        EXPECT_EQ( PathInfoKey( text.begin(), text.end() ), k ) << text;
+    }
+    for ( const char* bad :
+          { "", "Value('Cspf::PathKey', ** {'destination': 10.0.0.1, 'id': 7})",
+            "Value('Cspf::PathInfoKey', ** {'clientName': te1})",
+            "Value('Cspf::PathInfoKey', ** {'pathKey': x, 'clientName': te1})",
+            "Value('Cspf::PathInfoKey', ** {'clientName': te1, 'pathKey': Value(" } ) {
+        try {
+            PathInfoKey parsed( std::string_view{ bad } );
+            ADD_FAILURE() << "parsed " << bad;
+        } catch ( const Platform::DeserializationError& e ) {
+            EXPECT_EQ( e.attribute(), "pathInfoKey" ) << bad;
+        }
+    }
+    EXPECT_THROW(
+        PathInfoKey( std::string_view{ "Value('Cspf::PathInfoKey', ** {'clientName': a, "
+                                       "'pathKey': nonsense})" } ),
+        Platform::DeserializationError );
+}
+
+TEST( VrfTables, SettersNotifyOnlyOnRealChanges ) {
+    auto info = Platform::create<PathStatusInfo>( PathInfoKey( "c", pk( "1.1.1.1", 1 ) ),
+                                                  nullptr );
+    int reasons = 0, needed = 0, changes = 0, constraints = 0;
+    auto s1 = counter( info.get(), PathStatusInfo::refreshReasonTag, reasons );
+    auto s2 = counter( info.get(), PathStatusInfo::refreshNeededTag, needed );
+    auto s3 = counter( info.get(), PathStatusInfo::constraintChangeCountTag, changes );
+    auto s4 = counter( info.get(), PathStatusInfo::constraintTag, constraints );
+    info->refreshReasonIs( 0 );
+    info->refreshNeededIs( false );
+    info->refreshReasonIs( refreshReasonTopoChanged | refreshReasonExplicit );
+    info->refreshReasonIs( 0x5 );
+    info->refreshNeededIs( true );
+    info->refreshNeededIs( true );
+    EXPECT_EQ( reasons, 1 );
+    EXPECT_EQ( needed, 1 );
+    info->constraintChangeCountInc();
+    info->constraintChangeCountInc();
+    EXPECT_EQ( changes, 2 );
+
+    auto table = Platform::create<DedupConstraintTable>();
+    Ptr<DedupConstraint> handle = table->dedup( excluding( "Ethernet1" ) );
+    info->constraintIs( handle );
+    info->constraintIs( table->dedup( excluding( "Ethernet1" ) ) );
+    EXPECT_EQ( constraints, 1 );
+
+    auto constraint = Platform::create<ConstraintInfo>(
+        handle.ptr(), Platform::create<DedupConstraintLifeTimeNotifier>( handle.ptr() ) );
+    int topo = 0, paths = 0, requests = 0;
+    auto s5 = counter( constraint.get(), ConstraintInfo::topoChangedAtTag, topo );
+    auto s6 = counter( constraint.get(), ConstraintInfo::pathTag, paths );
+    auto s7 = counter( constraint.get(), ConstraintInfo::cspfRequestCountTag, requests );
+    constraint->topoChangedAtIs( -0.0 );
+    constraint->topoChangedAtIs( 1000.5 );
+    constraint->topoChangedAtIs( 1000.5 );
+    EXPECT_EQ( topo, 1 );
+    constraint->pathIs( info->pathInfoKey(), true );
+    constraint->pathIs( info->pathInfoKey(), true );
+    constraint->pathDel( PathInfoKey( "other", pk( "1.1.1.1", 1 ) ) );
+    EXPECT_EQ( paths, 1 );
+    constraint->cspfRequestCountInc( 1 );
+    constraint->cspfRequestCountInc( 1 );
+    EXPECT_EQ( requests, 2 );
+    EXPECT_EQ( constraint->cspfRequestCount(), 2u );
+}
+
+TEST( VrfTables, PathArrayHoldsAtMost1024HopsAndNotifiesPerIndex ) {
+    auto array = Platform::create<PathArray>();
+    for ( uint32_t i = 0; i < 1024; ++i ) {
+        array->pathIs( HopIndex( i ), IpGenAddr::v4( 0x0a000000u + i ) );
+    }
+    EXPECT_EQ( array->length(), 1024u );
+    try {
+        array->pathIs( HopIndex( 1024 ), IpGenAddr( "10.9.9.9" ) );
+        ADD_FAILURE() << "a 1025th hop was accepted";
+    } catch ( const Platform::RangeError& e ) {
+        EXPECT_STREQ( e.what(),
+                      "HopIndex::value < HopIndex::min or > HopIndex::max not allowed" );
+    }
+    EXPECT_EQ( array->length(), 1024u );
+
+    auto small = Platform::create<PathArray>();
+    EXPECT_THROW( small->pathIs( HopIndex( 1 ), IpGenAddr( "10.0.0.1" ) ),
+                  Platform::RangeError );
+    std::vector<uint32_t> told;
+    auto sub =
+        Platform::subscribe( small.get(), PathArray::pathTag,
+                             [&]( const HopIndex& i ) { told.push_back( i.value() ); } );
+    for ( const char* hop : { "10.0.0.1", "10.0.0.2", "10.0.0.3" } ) {
+        small->pathIs( HopIndex( uint32_t( small->length() ) ), IpGenAddr( hop ) );
+    }
+    small->pathIs( HopIndex( 1 ), IpGenAddr( "10.0.0.2" ) );  // same hop: silent
+    small->pathIs( HopIndex( 1 ), IpGenAddr( "10.0.0.7" ) );
+    EXPECT_EQ( told, ( std::vector<uint32_t>{ 0, 1, 2, 1 } ) );
+    told.clear();
+    small->pathDel( HopIndex( 0 ) );
+    small->pathDel( HopIndex( 5 ) );
+    EXPECT_EQ( told, ( std::vector<uint32_t>{ 0, 1, 2 } ) );
+    EXPECT_EQ( small->path( HopIndex( 0 ) ), IpGenAddr( "10.0.0.7" ) );
+    EXPECT_EQ( small->path( HopIndex( 1 ) ), IpGenAddr( "10.0.0.3" ) );
+    EXPECT_EQ( small->path( HopIndex( 2 ) ), IpGenAddr() );
+
+    // A null path and an empty one both mean "no path".
+    auto cache =
+        Platform::create<PathStatusCache>( PathInfoKey( "c", pk( "1.1.1.1", 1 ) ) );
+    EXPECT_EQ( cache->hopCount(), 0u );
+    cache->pathIs( Platform::create<PathArray>() );
+    EXPECT_EQ( cache->hopCount(), 0u );
+    cache->pathIs( small );
+    EXPECT_EQ( cache->hopCount(), 2u );
+}
+
+TEST( VrfTables, NotifieeKeepsOneConstraintInfoPerLiveHandle ) {
+    auto infos = Platform::create<ConstraintInfoTable>();
+    auto notifiee = Platform::create<ConstraintInfoTableNotifiee>( infos );
+    auto table = Platform::create<DedupConstraintTable>();
+    table->dedupTableNotifieeIs( notifiee.get() );
+
+    Ptr<DedupConstraint> first = table->dedup( excluding( "Ethernet1" ) );
+    Ptr<DedupConstraint> shared = table->dedup( excluding( "Ethernet1" ) );
+    Ptr<DedupConstraint> other = table->dedup( excluding( "Ethernet2" ) );
+    ASSERT_EQ( infos->constraintInfos(), 2u );
+    Ptr<ConstraintInfo> info = infos->constraintInfo( first.ptr() );
+    ASSERT_TRUE( info );
+    EXPECT_EQ( info->constraint()->dedupConstraint(), first.ptr() );
+    EXPECT_EQ( info->cspfRequestCount(), 0u );
+    EXPECT_EQ( info->topoChangedAt(), 0.0 );
+    EXPECT_EQ( info->paths(), 0u );
+
+    first.reset();
+    EXPECT_TRUE( infos->constraintInfoHas( shared.ptr() ) );
+    const Platform::DedupHandle* gone = shared.ptr();
+    shared.reset();
+    EXPECT_FALSE( infos->constraintInfoHas( gone ) );
+    EXPECT_EQ( infos->constraintInfos(), 1u );
+    // The record outlives its handle and then reads the default constraint.
+    EXPECT_FALSE( info->constraint()->dedupConstraint() );
+    EXPECT_TRUE( info->constraint()->pathConstraint().isDefault() );
+
+    table.reset();
+    EXPECT_FALSE( notifiee->watching() );
+    other.reset();  // unlinked: nobody is told
+    EXPECT_EQ( infos->constraintInfos(), 1u );
+}
+
+TEST( VrfTablesDeathTest, NotifieeStopsOnAnInconsistentConstraintTable ) {
+    auto infos = Platform::create<ConstraintInfoTable>();
+    ConstraintInfoTableNotifiee notifiee( infos );
+    auto table = Platform::create<DedupConstraintTable>();
+    Ptr<DedupConstraint> handle = table->dedup( excluding( "Ethernet1" ) );
+    EXPECT_DEATH( notifiee.handleRemove( *handle ),
+                  literal( "constraintInfoTable()->constraintInfo( handle )" ) );
+    notifiee.handleInsert( *handle );
+    EXPECT_DEATH( notifiee.handleInsert( *handle ),
+                  literal( "!constraintInfoTable()->constraintInfo( handle.ptr() )" ) );
+    notifiee.handleRemove( *handle );
+    EXPECT_EQ( infos->constraintInfos(), 0u );
+}
+
+TEST( VrfTables, DumpsReadExactly ) {
+    Platform::ManualClockScope clock;
+    const PathInfoKey key( "te1", pk( "10.0.0.1", 7 ) );
+
+    auto config = Platform::create<PathConfigInfo>( key, nullptr );
+    config->changeCountInc( 3 );
+    EXPECT_EQ( dumpOf( [&]( auto& c ) { config->dumpState( c, 0 ); } ),
+               "PathConfigInfo " + ptrText( config.get() ) + "\nChangeCount: 3\n" );
+
+    auto table = Platform::create<DedupConstraintTable>();
+    Ptr<DedupConstraint> handle = table->dedup( excluding( "Ethernet1" ) );
+    auto status = Platform::create<PathStatusInfo>( key, nullptr );
+    status->constraintIs( handle );
+    status->lastRefreshReqSeqIs( 4 );
+    status->constraintChangeCountInc();
+    status->refreshReasonIs( refreshReasonConfigChanged | refreshReasonExplicit );
+    status->refreshNeededIs( true );
+    EXPECT_EQ( dumpOf( [&]( auto& c ) { status->dumpState( c, 2 ); } ),
+               "  PathStatusInfo " + ptrText( status.get() ) +
+                   "\n  Constraint Handle: " + ptrText( handle.get() ) +
+                   "\n  Last Refresh Req Sequence: 4\n  Constraint change count: 1\n"
+                   "  Refresh Needed: Yes Refresh Reason: 0x6\n" );
+
+    auto cache = Platform::create<PathStatusCache>( key );
+    auto hops = Platform::create<PathArray>();
+    hops->pathIs( HopIndex( 0 ), IpGenAddr( "10.1.0.2" ) );
+    hops->pathIs( HopIndex( 1 ), IpGenAddr( "10.2.0.2" ) );
+    cache->pathIs( hops );
+    cache->refreshedCountInc();
+    EXPECT_EQ( dumpOf( [&]( auto& c ) { cache->dumpState( c, 0 ); } ),
+               "PathStatusCache " + ptrText( cache.get() ) +
+                   "\nPath Refresh Count: 1 \nPath to destination: \n 10.1.0.2\n"
+                   " 10.2.0.2\n" );
+
+    auto notifier = Platform::create<DedupConstraintLifeTimeNotifier>( handle.ptr() );
+    auto info = Platform::create<ConstraintInfo>( handle.ptr(), notifier );
+    info->cspfRequestCountInc( 2 );
+    info->pathIs( key, true );
+    info->pathIs( PathInfoKey( "te0", pk( "10.0.0.9", 1 ) ), true );
+    const std::string tail =
+        "   Constraint exclude interface: Ethernet1\n   TEPs using this constraint: \n"
+        "    " +
+        PathInfoKey( "te0", pk( "10.0.0.9", 1 ) ).toString() + "\n    " + key.toString() +
+        "\n";
+    EXPECT_EQ( dumpOf( [&]( auto& c ) { info->dumpState( c, 2 ); } ),
+               "   CSPF request count: 2\n   Last topology change seen: never\n" + tail );
+    info->topoChangedAtIs( Platform::now() );
+    clock->advance( 3725.25 );
+    EXPECT_EQ( dumpOf( [&]( auto& c ) { info->dumpState( c, 2 ); } ),
+               "   CSPF request count: 2\n   Last topology change seen: 1:02:05.2 ago\n" +
+                   tail );
+
+    auto stats = Platform::create<ConstraintStats>( handle.ptr(), notifier );
+    stats->cspfScheduledIs( true );
+    stats->cspfCurrentDelayIs( 12.345 );
+    stats->cspfCountInc();
+    stats->cspfLastRanAtIs( Platform::now() - 5.2 );
+    EXPECT_EQ( dumpOf( [&]( auto& c ) { stats->dumpState( c, 0 ); } ),
+               " CSPF scheduled: Yes\n CSPF current delay: 12.35 ms\n CSPF run count: 1\n"
+               " CSPF last ran: 0:00:05.2 ago\n" );
+}
+
+TEST( VrfTables, AgeTextTruncatesToTenths ) {
+    EXPECT_EQ( Platform::ageText( 0 ), "0:00:00.0" );
+    EXPECT_EQ( Platform::ageText( 59.96 ), "0:00:59.9" );
+    EXPECT_EQ( Platform::ageText( 1001.3 - 1000 ), "0:00:01.3" );
+    EXPECT_EQ( Platform::ageText( 36000 * 3 + 61 ), "30:01:01.0" );
+    EXPECT_EQ( Platform::ageText( -2.5 ), "-0:00:02.5" );
+    EXPECT_EQ( Platform::ageText( std::numeric_limits<double>::quiet_NaN() ), "unknown" );
+}
