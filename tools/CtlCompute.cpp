@@ -13,6 +13,7 @@
 #include "tools/Ctl.h"
 #include "tools/OfflineTopology.h"
 #include "tools/TopologyFile.h"
+#include "vrf/HopSelection.h"
 
 namespace Cspf::Ctl {
 
@@ -41,6 +42,23 @@ std::vector<Settled> settledOf( const CspfData& data ) {
         return a.cost != b.cost ? a.cost < b.cost : a.router < b.router;
     } );
     return settled;
+}
+
+// The hops the agent would publish for a new request to `tep`, first hop
+// first; `error` says why there are none when the topology cannot give any.
+struct TepHops {
+    std::vector<Net::IpGenAddr> hops;
+    std::string error;
+};
+
+TepHops hopsOf( const CspfData& data, const Net::IpGenAddr& tep ) {
+    TepHops result;
+    try {
+        result.hops = selectHops( data, tep, nullptr );
+    } catch ( const Platform::Error& e ) {
+        result.error = e.what();
+    }
+    return result;
 }
 
 std::string joined( const std::vector<Net::IpGenAddr>& addrs ) {
@@ -104,6 +122,13 @@ int compute( Args args, const std::string& ) {
             if ( data->routerWithTepHas( tep ) ) {
                 line["owner"] = owner.toString();
             }
+            const TepHops hops = hopsOf( *data, tep );
+            for ( const Net::IpGenAddr& hop : hops.hops ) {
+                line["hops"].push_back( hop.toString() );
+            }
+            if ( !hops.error.empty() ) {
+                line["error"] = hops.error;
+            }
             std::printf( "%s\n", line.dump().c_str() );
         }
         return 0;
@@ -121,11 +146,13 @@ int compute( Args args, const std::string& ) {
     if ( !teps.empty() ) {
         std::printf( "%-18s %-18s %s\n", "tep", "owner", "hops" );
         for ( const Net::IpGenAddr& tep : teps ) {
+            const TepHops hops = hopsOf( *data, tep );
             std::printf( "%-18s %-18s %s\n", tep.toString().c_str(),
                          data->routerWithTepHas( tep )
                              ? data->routerWithTep( tep ).toString().c_str()
                              : "(no path)",
-                         "-" );
+                         hops.error.empty() ? joined( hops.hops ).c_str()
+                                            : ( "(" + hops.error + ")" ).c_str() );
         }
     }
     return 0;

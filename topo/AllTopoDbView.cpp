@@ -414,6 +414,46 @@ AllTopoDbView::LinkMetric AllTopoDbView::neighborMetric(
     } );
 }
 
+AllTopoDbView::LinkFirstAddr AllTopoDbView::neighborFirstAddr(
+    const AllTopoNeighborKey& key, AddrList list ) const {
+    return doStable( [&] {
+        LinkFirstAddr first;
+        const TopoDb* topoDb = doTopoDb( key.topoId() );
+        LinkAddrs link;
+        if ( !topoDb || !doLinkAddrs( *topoDb, key.neighborKey(), &link ) ) {
+            return first;
+        }
+        const bool interfaces = list == AddrList::interfaceAddrs;
+        first.count = interfaces ? link.interfaceCount : link.neighborCount;
+        if ( first.count ) {
+            try {
+                first.addr =
+                    interfaces
+                        ? Net::IpGenAddr::fromRecord( link.interfaces, "interfaceAddr" )
+                        : Net::IpGenAddr::fromRecord( link.neighbors, "neighborAddr" );
+            } catch ( const Platform::Error& e ) {
+                // A bad link record hides that link only, as a missing one does.
+                if ( !doReported( topoDb->neighborTable(), reads_.back().ref, e ) ) {
+                    throw TornRead();
+                }
+                return LinkFirstAddr();
+            }
+        }
+        first.found = true;
+        return first;
+    } );
+}
+
+bool AllTopoDbView::routerListsNeighbor( TopoId topoId,
+                                         const NeighborKey& neighborKey ) const {
+    return doStable( [&] {
+        const TopoDb* topoDb = doTopoDb( topoId );
+        RouterView router;
+        return topoDb && doRouter( *topoDb, neighborKey.routerId(), &router, false ) &&
+               routerHasNeighbor( router, neighborKey );
+    } );
+}
+
 bool AllTopoDbView::twoWayCheckPassed( const AllTopoNeighborKey& key ) const {
     return key.neighborType() == Routing::Topology::neighborTypeNetwork()
                ? twoWayCheckLan( key )

@@ -82,6 +82,21 @@ class AllTopoDbView {
         uint32_t igpMetric = 0;
     };
     LinkMetric neighborMetric( const AllTopoNeighborKey& key ) const;
+    // What hop selection needs of neighbor( key ), read in place without
+    // decoding the rest of the record: the count of one of its address lists
+    // and the first address of that list. `found` is false when the level or
+    // the record is missing or bad (a bad one is reported).
+    enum class AddrList { interfaceAddrs, neighborAddrs };
+    struct LinkFirstAddr {
+        bool found = false;
+        uint32_t count = 0;
+        Net::IpGenAddr addr;  // unset when the list is empty
+    };
+    LinkFirstAddr neighborFirstAddr( const AllTopoNeighborKey& key, AddrList list ) const;
+    // Whether the level's record of the router that advertises `neighborKey`
+    // lists it, read in place; false when the level or the record is missing.
+    bool routerListsNeighbor( TopoId topoId,
+                              const Routing::Topology::NeighborKey& neighborKey ) const;
     // Whether the constraint admits the link (of the computing router).
     bool neighborAllowed( const Routing::Topology::Neighbor& neighbor ) const;
     bool twoWayCheckPassed( const AllTopoNeighborKey& key ) const;

@@ -38,7 +38,7 @@ CtlRun cspfctl( const std::string& args ) {
 
 const std::string kExample = ( repoRoot() / "examples" / "topology.json" ).string();
 
-TEST( CspfctlTest, ComputePrintsTheTreeAndTheTepOwnersAsJsonLines ) {
+TEST( CspfctlTest, ComputePrintsTheTreeTheTepOwnersAndHopsAsJsonLines ) {
     const CtlRun run =
         cspfctl( "compute --topology " + kExample +
                  " --source 10.0.0.4 --tree --json --tep 10.1.12.0 --tep 9.9.9.9" );
@@ -50,16 +50,25 @@ TEST( CspfctlTest, ComputePrintsTheTreeAndTheTepOwnersAsJsonLines ) {
                "{\"router\":\"10.0.0.1\",\"cost\":20,\"parents\":[\"10.0.0.3\"]}\n"
                "{\"router\":\"10.0.0.6\",\"cost\":30,\"parents\":[\"10.0.0.3\"]}\n"
                "{\"router\":\"10.0.0.2\",\"cost\":40,\"parents\":[\"10.0.0.6\"]}\n"
-               "{\"tep\":\"10.1.12.0\",\"owner\":\"10.0.0.1\",\"hops\":[]}\n"
+               "{\"tep\":\"10.1.12.0\",\"owner\":\"10.0.0.1\",\"hops\":[\"10.3.0.3\","
+               "\"10.1.13.0\"]}\n"
                "{\"tep\":\"9.9.9.9\",\"owner\":null,\"hops\":[]}\n" );
 }
 
 TEST( CspfctlTest, ComputeExcludesTheSourcesInterface ) {
     // r1's Ethernet2 leads to r3; without it everything goes through r2.
-    const CtlRun run = cspfctl( "compute --topology " + kExample +
-                                " --source 10.0.0.1 --exclude Ethernet2 --tree" );
+    const CtlRun run =
+        cspfctl( "compute --topology " + kExample +
+                 " --source 10.0.0.1 --exclude Ethernet2 --tree --tep 10.3.0.5" );
     ASSERT_EQ( run.status, 0 ) << run.out;
     EXPECT_NE( run.out.find( "10.0.0.3                  130  10.0.0.6" ),
+               std::string::npos )
+        << run.out;
+    // Point-to-point hops are the far ends' addresses; the last one crosses
+    // r3's LAN to r5's own address on it.
+    EXPECT_NE( run.out.find( "tep                owner              hops\n"
+                             "10.3.0.5           10.0.0.5           10.1.12.1 10.1.26.1 "
+                             "10.1.36.0 10.3.0.5\n" ),
                std::string::npos )
         << run.out;
     const CtlRun v6 =
