@@ -12,17 +12,19 @@
 #include <iosfwd>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 
 #include "cspf/CspfLinkInfo.h"
 #include "cspf/CspfLinkInfoKey.h"
+#include "platform/FlatMap.h"
 #include "records/IpGenAddr.h"
 
 namespace Cspf {
 
 class CspfPath {
   public:
-    using LastLinkMap = std::unordered_map<CspfLinkInfoKey, CspfLinkInfo>;
+    // Usually one member, rarely a handful: a flat map in the order the
+    // links arrived.
+    using LastLinkMap = Platform::FlatMap<CspfLinkInfoKey, CspfLinkInfo>;
 
     // The empty path: zero teRouterId, no last links.
     CspfPath() = default;

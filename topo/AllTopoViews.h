@@ -12,8 +12,8 @@
 #include <iosfwd>
 #include <string>
 #include <string_view>
-#include <unordered_set>
 
+#include "platform/FlatSet.h"
 #include "records/IpGenAddr.h"
 #include "topo/AllTopoKeys.h"
 
@@ -21,8 +21,9 @@ namespace Cspf {
 
 class AllTopoRouter {
   public:
-    using NeighborSet = std::unordered_set<AllTopoNeighborKey>;
-    using TepSet = std::unordered_set<Net::IpGenAddr>;
+    // Sets of a few members each, built by the thousand per computation.
+    using NeighborSet = Platform::FlatSet<AllTopoNeighborKey>;
+    using TepSet = Platform::FlatSet<Net::IpGenAddr>;
 
     // A zero TE router id: the answer for an unknown router.
     AllTopoRouter() = default;
@@ -65,7 +66,7 @@ std::ostream& operator<<( std::ostream& os, const AllTopoRouter& router );
 
 class AllTopoNetwork {
   public:
-    using RouterSet = std::unordered_set<Net::IpGenAddr>;
+    using RouterSet = Platform::FlatSet<Net::IpGenAddr>;
 
     AllTopoNetwork() = default;
     explicit AllTopoNetwork( const AllTopoNetworkId& id ) : allTopoNetworkId_( id ) {}
