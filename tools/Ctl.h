@@ -34,5 +34,6 @@ void expectArgs( const Args& args, size_t n, const char* what );
 // The commands of each area, in the order --help lists them.
 std::vector<Command> topologyCommands();
 std::vector<Command> computeCommands();
+std::vector<Command> interfaceCommands();
 
 }  // namespace Cspf::Ctl

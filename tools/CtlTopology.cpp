@@ -4,7 +4,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <set>
 #include <sstream>
@@ -29,16 +31,174 @@ namespace Cspf::Ctl {
 
 namespace {
 
+// The model last loaded into a VRF, kept beside the tree (a dot name is
+// never a table) so that edits can be made by name and written as a diff.
+std::string modelPath( const Platform::StateTree& tree, const L3::VrfName& vrf ) {
+    return tree.root() + "/.cspfctl/topology-" + vrf.name() + ".json";
+}
+
+void saveModel( const Platform::StateTree& tree, const L3::VrfName& vrf,
+                const TopoFile::Topology& topology ) {
+    const std::string path = modelPath( tree, vrf );
+    std::filesystem::create_directories( std::filesystem::path( path ).parent_path() );
+    std::ofstream file( path );
+    file << TopoFile::toJson( topology );
+    if ( !file.flush() ) {
+        throw Platform::Error( "cannot write " + path + ": " + std::strerror( errno ) );
+    }
+}
+
 int topoLoad( Args args, const std::string& root ) {
     const L3::VrfName vrf( takeOption( args, "--vrf", "default" ) );
     expectArgs( args, 1, "one topology FILE" );
     const Cspf::TopoFile::Topology topology = Cspf::TopoFile::loadTopologyFile( args[0] );
     Platform::StateTree tree( root );
     const auto summary = Cspf::TopoFile::loadIntoTree( topology, tree, vrf, args[0] );
+    saveModel( tree, vrf, topology );
     std::printf( "loaded %s into vrf %s: %zu records, %zu written, %zu removed\n",
                  args[0].c_str(), vrf.name().c_str(), summary.records, summary.written,
                  summary.removed );
     return 0;
+}
+
+// Every edit: the loaded model, changed by `edit`, checked, kept and written
+// into the level tables as a diff (unchanged records are not rewritten).
+int topoEdit(
+    Args& args, const std::string& root, size_t operands, const char* usage,
+    const std::function<std::string( TopoFile::Topology&, const Args& )>& edit ) {
+    const L3::VrfName vrf( takeOption( args, "--vrf", "default" ) );
+    Platform::StateTree tree( root );
+    const std::string path = modelPath( tree, vrf );
+    if ( !std::filesystem::exists( path ) ) {
+        throw UsageError( "no topology loaded into vrf " + vrf.name() + " under " +
+                          tree.root() + " (cspfctl topo load FILE first)" );
+    }
+    TopoFile::Topology topology = TopoFile::loadTopologyFile( path );
+    expectArgs( args, operands, usage );
+    const std::string what = edit( topology, args );
+    TopoFile::validateTopology( topology, "the edited topology" );
+    const auto summary = TopoFile::loadIntoTree( topology, tree, vrf );
+    saveModel( tree, vrf, topology );
+    std::printf( "%s: %zu written, %zu removed\n", what.c_str(), summary.written,
+                 summary.removed );
+    return 0;
+}
+
+// The attachments of `router` on `interface`: a link end (with its link) or
+// LAN members. UsageError when there is none.
+std::vector<TopoFile::Attachment*> attachments( TopoFile::Topology& topology,
+                                                const std::string& router,
+                                                const std::string& interface,
+                                                TopoFile::Link** link ) {
+    if ( !TopoFile::routerByName( topology, router ) ) {
+        throw UsageError( "no router " + router + " in the loaded topology" );
+    }
+    const Net::IntfId intf( interface );
+    std::vector<TopoFile::Attachment*> found;
+    *link = nullptr;
+    for ( auto& l : topology.links ) {
+        for ( auto& end : l.ends ) {
+            if ( end.router == router && end.interface == intf ) {
+                found.push_back( &end );
+                *link = &l;
+            }
+        }
+    }
+    for ( auto& lan : topology.lans ) {
+        for ( auto& member : lan.members ) {
+            if ( member.router == router && member.interface == intf ) {
+                found.push_back( &member );
+            }
+        }
+    }
+    if ( found.empty() ) {
+        throw UsageError( "router " + router + " has no interface " + interface );
+    }
+    return found;
+}
+
+int topoLink( Args args, const std::string& root ) {
+    return topoEdit(
+        args, root, 3, "down|up ROUTER INTERFACE",
+        []( TopoFile::Topology& t, const Args& a ) {
+            if ( a[0] != "down" && a[0] != "up" ) {
+                throw UsageError( "topo link takes down or up, not '" + a[0] + "'" );
+            }
+            const bool up = a[0] == "up";
+            TopoFile::Link* link;
+            std::vector<TopoFile::Attachment*> ends = attachments( t, a[1], a[2], &link );
+            if ( link ) {
+                // Both routers stop (or start) advertising it.
+                ends = { &link->ends[0], &link->ends[1] };
+            }
+            for ( TopoFile::Attachment* end : ends ) {
+                end->advertise = up;
+                end->record = up;
+            }
+            return "link " + a[1] + " " + a[2] + " " + a[0];
+        } );
+}
+
+int topoMetric( Args args, const std::string& root ) {
+    const bool te = takeFlag( args, "--te" );
+    return topoEdit(
+        args, root, 3, "ROUTER INTERFACE METRIC [--te]",
+        [te]( TopoFile::Topology& t, const Args& a ) {
+            if ( a[2].empty() ||
+                 a[2].find_first_not_of( "0123456789" ) != std::string::npos ||
+                 a[2].size() > 9 ) {
+                throw UsageError( "METRIC must be a number, not '" + a[2] + "'" );
+            }
+            const uint32_t metric = uint32_t( std::stoul( a[2] ) );
+            TopoFile::Link* link;
+            for ( TopoFile::Attachment* end : attachments( t, a[0], a[1], &link ) ) {
+                if ( te ) {
+                    end->teMetric = metric;
+                } else {
+                    end->metric = metric;
+                }
+            }
+            return std::string( te ? "TE metric" : "metric" ) + " of " + a[0] + " " +
+                   a[1] + " " + a[2];
+        } );
+}
+
+int topoOverload( Args args, const std::string& root ) {
+    return topoEdit(
+        args, root, 2, "ROUTER on|off", []( TopoFile::Topology& t, const Args& a ) {
+            if ( a[1] != "on" && a[1] != "off" ) {
+                throw UsageError( "topo overload takes on or off, not '" + a[1] + "'" );
+            }
+            for ( auto& router : t.routers ) {
+                if ( router.name == a[0] ) {
+                    router.overload = a[1] == "on";
+                    return "overload of " + a[0] + " " + a[1];
+                }
+            }
+            throw UsageError( "no router " + a[0] + " in the loaded topology" );
+        } );
+}
+
+int topoRouterDel( Args args, const std::string& root ) {
+    return topoEdit( args, root, 1, "ROUTER", []( TopoFile::Topology& t, const Args& a ) {
+        const std::string& name = a[0];
+        if ( !TopoFile::routerByName( t, name ) ) {
+            throw UsageError( "no router " + name + " in the loaded topology" );
+        }
+        std::erase_if( t.routers,
+                       [&]( const TopoFile::Router& r ) { return r.name == name; } );
+        std::erase_if( t.links, [&]( const TopoFile::Link& l ) {
+            return l.ends[0].router == name || l.ends[1].router == name;
+        } );
+        // A LAN goes with its designated router; others lose the member.
+        std::erase_if( t.lans, [&]( const TopoFile::Lan& l ) { return l.dr == name; } );
+        for ( auto& lan : t.lans ) {
+            std::erase_if( lan.members, [&]( const TopoFile::LanMember& m ) {
+                return m.router == name;
+            } );
+        }
+        return "router " + name + " removed";
+    } );
 }
 
 int topoImport( Args args, const std::string& ) {
@@ -239,6 +399,10 @@ std::vector<Command> topologyCommands() {
         { { "topo", "load" }, topoLoad },
         { { "topo", "import" }, topoImport },
         { { "topo", "show" }, topoShow },
+        { { "topo", "link" }, topoLink },
+        { { "topo", "metric" }, topoMetric },
+        { { "topo", "overload" }, topoOverload },
+        { { "topo", "router", "del" }, topoRouterDel },
     };
 }
 

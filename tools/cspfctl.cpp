@@ -31,6 +31,18 @@ constexpr const char* kUsage =
     "                                   by TE router id, usable and refused links, "
     "TEPs,\n"
     "                                   LANs (from the tree, or from a file offline)\n"
+    "  topo link down|up ROUTER INTERFACE [--vrf NAME]\n"
+    "  topo metric ROUTER INTERFACE METRIC [--te] [--vrf NAME]\n"
+    "  topo overload ROUTER on|off [--vrf NAME]\n"
+    "  topo router del ROUTER [--vrf NAME]\n"
+    "                                   edit the topology last loaded into the VRF; "
+    "only\n"
+    "                                   the records that change are rewritten\n"
+    "\n"
+    "Interface addresses of this router (ip/status):\n"
+    "  intf set INTERFACE [--ipv4 A/L] [--secondary A/L]... [--ipv6 A/L]...\n"
+    "  intf del INTERFACE\n"
+    "  intf show\n"
     "\n"
     "Offline computation (the agent's own CSPF on a topology file):\n"
     "  compute --topology FILE --source TE_ROUTER_ID [--tep ADDR]... [--exclude "
@@ -53,8 +65,10 @@ int main( int argc, char** argv ) {
         const std::string root =
             takeOption( args, "--root", Platform::StateTree::defaultRoot() );
         std::vector<Command> commands = topologyCommands();
-        for ( Command& c : computeCommands() ) {
-            commands.push_back( std::move( c ) );
+        for ( auto more : { computeCommands(), interfaceCommands() } ) {
+            for ( Command& c : more ) {
+                commands.push_back( std::move( c ) );
+            }
         }
         for ( const Command& c : commands ) {
             if ( args.size() >= c.words.size() &&

@@ -141,3 +141,57 @@ TEST( CspfctlTest, TopoShowTellsWhyALinkIsNotUsable ) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST( CspfctlTest, EditsRewriteOnlyWhatChangesAndRefuseWhatIsWrong ) {
+    char tmpl[] = "/dev/shm/cspfctltest-XXXXXX";
+    const std::string dir = mkdtemp( tmpl );
+    const std::string root = "--root " + dir + " ";
+    EXPECT_EQ( cspfctl( root + "topo link down r1 Ethernet1" ).status,
+               2 );  // nothing loaded
+    ASSERT_EQ( cspfctl( root + "topo load " + kExample ).status, 0 );
+    // Down: both ends stop advertising; up: back as it was, and a second up
+    // writes nothing.
+    EXPECT_EQ( cspfctl( root + "topo link down r1 Ethernet2" ).out,
+               "link r1 Ethernet2 down: 2 written, 2 removed\n" );
+    EXPECT_EQ(
+        cspfctl( root + "topo show" ).out.find( "-> 10.0.0.3        isisL2 link 2" ),
+        std::string::npos );
+    EXPECT_EQ( cspfctl( root + "topo link up r1 Ethernet2" ).out,
+               "link r1 Ethernet2 up: 4 written, 0 removed\n" );
+    EXPECT_EQ( cspfctl( root + "topo link up r1 Ethernet2" ).out,
+               "link r1 Ethernet2 up: 0 written, 0 removed\n" );
+    EXPECT_EQ( cspfctl( root + "topo metric r1 Ethernet2 25" ).out,
+               "metric of r1 Ethernet2 25: 1 written, 0 removed\n" );
+    EXPECT_EQ( cspfctl( root + "topo overload r6 on" ).out,
+               "overload of r6 on: 1 written, 0 removed\n" );
+    const std::string shown = cspfctl( root + "topo show" ).out;
+    EXPECT_NE( shown.find( "isisL2 link 2  metric 25" ), std::string::npos ) << shown;
+    EXPECT_NE( shown.find( "router 10.0.0.6 isisL2:0000.0000.0006 overload" ),
+               std::string::npos );
+    EXPECT_EQ( cspfctl( root + "topo router del r5" ).status, 0 );
+    EXPECT_EQ( cspfctl( root + "topo show" ).out.find( "router 10.0.0.5" ),
+               std::string::npos );
+    for ( const std::string& bad : std::vector<std::string>{
+              "topo link sideways r1 Ethernet1", "topo metric r1 Ethernet9 5",
+              "topo metric r1 Ethernet1 16777216", "topo metric r1 Ethernet1 ten",
+              "topo overload r9 on", "topo router del r5",
+              "intf set Ethernet1 --ipv4 10.0.0.1",
+              "intf set Ethernet1 --ipv4 2001:db8::1/64", "intf del Ethernet7" } ) {
+        const CtlRun run = cspfctl( root + bad );
+        EXPECT_EQ( run.status, 2 ) << bad << ": " << run.out;
+    }
+    ASSERT_EQ( cspfctl( root + "intf set Ethernet1 --ipv4 10.1.12.0/31 --secondary "
+                               "10.9.9.1/24 --ipv6 2001:db8:12::1/64" )
+                   .status,
+               0 );
+    EXPECT_EQ(
+        cspfctl( root + "intf show" ).out,
+        "Ethernet1 ipv4 10.1.12.0/31 secondary 10.9.9.1/24 ipv6 2001:db8:12::1/64\n" );
+    EXPECT_EQ( cspfctl( root + "intf del Ethernet1" ).status, 0 );
+    EXPECT_EQ( cspfctl( root + "intf show" ).out, "" );
+    std::filesystem::remove_all( dir );
+}
+
+}  // namespace
