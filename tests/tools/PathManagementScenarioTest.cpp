@@ -1,0 +1,464 @@
+// Path management of one VRF end to end, on the manual clock: a VrfRoot and
+// its VrfRootSm over a fresh state tree, a topology written into the level
+// tables as the IS-IS side would, requests written into a client's table with
+// path intake played by the test, and results read back from the client's
+// status table.
+//
+//   r1 (source) --E1-- r2 --E2-- r4      all metrics 10; r4 is reached at
+//   r1 --E2-- r3 --E2-- r4               equal cost through r2 or r3
+//   r1 --E3-- r5,  r2 --E3-- r6
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/Clock.h"
+#include "platform/DumpContext.h"
+#include "platform/Inotify.h"
+#include "platform/MountGroup.h"
+#include "platform/StateTree.h"
+#include "platform/TaskScheduler.h"
+#include "records/Client.h"
+#include "tools/TopologyFile.h"
+#include "tools/TopologyLoad.h"
+#include "vrf/VrfRoot.h"
+#include "vrf/VrfRootSm.h"
+
+using namespace Cspf;
+using Net::IpGenAddr;
+using Platform::create;
+using Platform::Ptr;
+
+namespace {
+
+const char* kTopology = R"({
+  "format": "cspf-topology/1",
+  "routers": [
+    { "name": "r1", "systemId": "0000.0000.0001", "teRouterId": "10.0.0.1", "levels": [2] },
+    { "name": "r2", "systemId": "0000.0000.0002", "teRouterId": "10.0.0.2", "levels": [2] },
+    { "name": "r3", "systemId": "0000.0000.0003", "teRouterId": "10.0.0.3", "levels": [2] },
+    { "name": "r4", "systemId": "0000.0000.0004", "teRouterId": "10.0.0.4", "levels": [2] },
+    { "name": "r5", "systemId": "0000.0000.0005", "teRouterId": "10.0.0.5", "levels": [2] },
+    { "name": "r6", "systemId": "0000.0000.0006", "teRouterId": "10.0.0.6", "levels": [2] }
+  ],
+  "links": [
+    { "level": 2, "ends": [
+      { "router": "r1", "interface": "Ethernet1", "ipv4": "10.1.12.0/31", "metric": 10 },
+      { "router": "r2", "interface": "Ethernet1", "ipv4": "10.1.12.1/31", "metric": 10 } ] },
+    { "level": 2, "ends": [
+      { "router": "r1", "interface": "Ethernet2", "ipv4": "10.1.13.0/31", "metric": 10 },
+      { "router": "r3", "interface": "Ethernet1", "ipv4": "10.1.13.1/31", "metric": 10 } ] },
+    { "level": 2, "ends": [
+      { "router": "r2", "interface": "Ethernet2", "ipv4": "10.1.24.0/31", "metric": 10 },
+      { "router": "r4", "interface": "Ethernet1", "ipv4": "10.1.24.1/31", "metric": 10 } ] },
+    { "level": 2, "ends": [
+      { "router": "r3", "interface": "Ethernet2", "ipv4": "10.1.34.0/31", "metric": 10 },
+      { "router": "r4", "interface": "Ethernet2", "ipv4": "10.1.34.1/31", "metric": 10 } ] },
+    { "level": 2, "ends": [
+      { "router": "r1", "interface": "Ethernet3", "ipv4": "10.1.15.0/31", "metric": 10 },
+      { "router": "r5", "interface": "Ethernet1", "ipv4": "10.1.15.1/31", "metric": 10 } ] },
+    { "level": 2, "ends": [
+      { "router": "r2", "interface": "Ethernet3", "ipv4": "10.1.26.0/31", "metric": 10 },
+      { "router": "r6", "interface": "Ethernet1", "ipv4": "10.1.26.1/31", "metric": 10 } ] }
+  ]
+})";
+
+// Link indexes in kTopology.
+constexpr size_t kR1R2 = 0, kR3R4 = 3, kR1R5 = 4;
+
+const IpGenAddr r2( "10.0.0.2" ), r4( "10.0.0.4" ), r5( "10.0.0.5" ), r6( "10.0.0.6" );
+
+std::vector<IpGenAddr> hops( std::initializer_list<const char*> texts ) {
+    std::vector<IpGenAddr> out;
+    for ( const char* t : texts ) {
+        out.emplace_back( t );
+    }
+    return out;
+}
+
+class PathManagementScenarioTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        char tmpl[] = "/dev/shm/pathscenario-XXXXXX";
+        root_ = mkdtemp( tmpl );
+        tree_ = std::make_unique<Platform::StateTree>( root_ );
+        manager_ = std::make_unique<Platform::EntityManager>( *tree_, inotify_, nullptr );
+        topology_ = TopoFile::parseTopology( kTopology, "scenario" );
+        TopoFile::loadIntoTree( topology_, *tree_, vrf_ );
+
+        cliWriter_ = create<CspfCliConfigWriter>( *tree_, nullptr, kCspfCliConfigPath );
+        cliWriter_->valueIs( { 50, 200, 1000 } );
+        manager_->mount<CspfCliConfig>( kCspfCliConfigPath, Platform::MountMode::read );
+        teWriter_ = create<TrafficEngineering::ConfigWriter>(
+            *tree_, nullptr, TrafficEngineering::kConfigPath );
+        teWriter_->valueIs( { true, IpGenAddr( "10.0.0.1" ) } );
+        teConfig_ = manager_->mount<TrafficEngineering::Config>(
+            TrafficEngineering::kConfigPath, Platform::MountMode::read );
+        ipWriter_ = create<Ip::StatusWriter>( *tree_, nullptr, Ip::kStatusPath );
+        intfIs( "Ethernet1", "10.1.12.0" );
+        intfIs( "Ethernet2", "10.1.13.0" );
+        intfIs( "Ethernet3", "10.1.15.0" );
+        manager_->mount<Ip::Status>( Ip::kStatusPath, Platform::MountMode::read );
+        clientDir_ = manager_->mount<Platform::DirectoryWatch>(
+            "routing/export/topodb/client", Platform::MountMode::writeImmediate );
+
+        const auto af = Net::AddressFamily::ipv4;
+        writer_ = create<ConfigWriter>( *tree_, nullptr,
+                                        pathConfigTablePath( vrf_, af, "te1" ) );
+        config_ =
+            create<Config>( *tree_, nullptr, pathConfigTablePath( vrf_, af, "te1" ) );
+        status_ =
+            create<Status>( *tree_, nullptr, pathStatusTablePath( vrf_, af, "te1" ) );
+        results_ = create<StatusReader>( *tree_, nullptr,
+                                         pathStatusTablePath( vrf_, af, "te1" ) );
+    }
+    void TearDown() override {
+        stop();
+        std::filesystem::remove_all( root_ );
+    }
+
+    void start() {
+        root = vrfRootFactory( vrf_, Net::AddressFamily::ipv4, *manager_, teConfig_,
+                               clientDir_, scheduler_ );
+        sm = create<VrfRootSm>( vrf_, root );
+    }
+    void stop() {
+        sm = nullptr;
+        root = nullptr;
+    }
+    void intfIs( const char* intf, const char* addr ) {
+        Ip::IntfAddrs addrs;
+        addrs.active = { IpGenAddr( addr ), 31 };
+        ipWriter_->intfAddrsIs( Net::IntfId( intf ), addrs );
+    }
+    // The IS-IS side rewrites the level tables; the agent hears of it.
+    void publishTopology() {
+        TopoFile::loadIntoTree( topology_, *tree_, vrf_ );
+        inotify_.poll();
+    }
+    void metricIs( size_t link, uint32_t metric ) {
+        for ( auto& end : topology_.links[link].ends ) {
+            end.metric = metric;
+        }
+        publishTopology();
+    }
+    // The client writes a request; path intake notes it.
+    PathInfoKey request( const IpGenAddr& dst, uint32_t id, uint32_t seq,
+                         const char* exclude = "" ) {
+        const PathKey key( dst, id );
+        writer_->pathConfigIs(
+            PathConfig( key, seq, true, PathConstraint( Net::IntfId( exclude ) ) ) );
+        config_->sync();
+        const PathInfoKey infoKey( "te1", key );
+        auto info = root->pathConfigInfoTable()->pathConfigInfoIs( infoKey, config_ );
+        root->pathStatusInfoTable()->pathStatusInfoIs( infoKey, status_ );
+        info->changeCountInc();
+        return infoKey;
+    }
+    PathStatus result( const PathInfoKey& key ) {
+        results_->sync();
+        return results_->pathStatus( key.pathKey() );
+    }
+    std::vector<IpGenAddr> resultHops( const PathInfoKey& key ) {
+        const PathStatus s = result( key );
+        return std::vector<IpGenAddr>( s.hops.data(), s.hops.data() + s.hops.size() );
+    }
+    Ptr<ConstraintInfo> constraintOf( const PathInfoKey& key ) {
+        auto info = root->pathStatusInfoTable()->pathStatusInfo( key );
+        return root->constraintInfoTable()->constraintInfo( info->constraint().get() );
+    }
+    Ptr<ConstraintStats> statsOf( const PathInfoKey& key ) {
+        auto info = root->pathStatusInfoTable()->pathStatusInfo( key );
+        return root->constraintStatsTable()->constraintStats( info->constraint().get() );
+    }
+    void advanceMs( double ms ) { clock_->advance( ms / 1000.0 ); }
+    // Steps a millisecond at a time until the constraint of `key` runs again;
+    // the milliseconds since the call.
+    long msToNextRun( const PathInfoKey& key ) {
+        const Ptr<ConstraintStats> stats = statsOf( key );
+        const uint32_t runs = stats->cspfCount();
+        const double since = Platform::now();
+        for ( int ms = 0; ms < 10000 && stats->cspfCount() == runs; ++ms ) {
+            advanceMs( 1 );
+        }
+        EXPECT_EQ( stats->cspfCount(), runs + 1 );
+        return std::lround( ( stats->cspfLastRanAt() - since ) * 1000 );
+    }
+
+    Platform::ManualClockScope clock_;
+    Platform::TaskScheduler scheduler_{ nullptr, "Cspf", *clock_ };
+    Platform::Inotify inotify_{ nullptr };
+    std::string root_;
+    std::unique_ptr<Platform::StateTree> tree_;
+    std::unique_ptr<Platform::EntityManager> manager_;
+    const L3::VrfName vrf_;
+    TopoFile::Topology topology_;
+    Ptr<CspfCliConfigWriter> cliWriter_;
+    Ptr<TrafficEngineering::ConfigWriter> teWriter_;
+    Ptr<TrafficEngineering::Config> teConfig_;
+    Ptr<Ip::StatusWriter> ipWriter_;
+    Ptr<Platform::DirectoryWatch> clientDir_;
+    Ptr<ConfigWriter> writer_;
+    Ptr<Config> config_;
+    Ptr<Status> status_;
+    Ptr<StatusReader> results_;
+    Ptr<VrfRoot> root;
+    Ptr<VrfRootSm> sm;
+};
+
+}  // namespace
+
+TEST_F( PathManagementScenarioTest,
+        OneRequestAfterAQuietPeriodRunsOnceAfterInitialWait ) {
+    start();
+    const std::string clientEntry = "routing/export/topodb/client/cspf/default";
+    EXPECT_TRUE( tree_->exists( clientEntry ) );
+    EXPECT_TRUE( tree_->exists( intfIpToRouterIdPath( vrf_ ) ) );
+
+    const PathInfoKey key = request( r5, 1, 1 );
+    EXPECT_TRUE( root->pathStatusUpdateSmHas( key ) );
+    advanceMs( 49 );
+    EXPECT_FALSE( results_->pathStatusHas( key.pathKey() ) );
+    advanceMs( 1 );
+    EXPECT_EQ( statsOf( key )->cspfCount(), 1u );
+    const PathStatus first = result( key );
+    EXPECT_EQ( resultHops( key ), hops( { "10.1.15.1" } ) );
+    EXPECT_EQ( first.changeCount, 1u );
+    EXPECT_EQ( first.refreshRespSeq, 1u );
+    advanceMs( 5000 );
+    EXPECT_EQ( statsOf( key )->cspfCount(), 1u );
+
+    // The client leaves: every reactor of the path goes, then the constraint.
+    root->pathConfigInfoTable()->pathConfigInfoDel( key );
+    root->pathStatusInfoTable()->pathStatusInfoDel( key );
+    EXPECT_FALSE( root->pathConfigInfoSmHas( key ) );
+    EXPECT_FALSE( root->pathStatusUpdateSmHas( key ) );
+    EXPECT_FALSE( root->pathStatusCacheTable()->pathStatusCacheHas( key ) );
+    EXPECT_EQ( root->constraintInfoSms(), 0u );
+    EXPECT_EQ( root->constraintStatsTable()->constraintStatsCount(), 0u );
+
+    stop();
+    EXPECT_FALSE( tree_->exists( clientEntry ) );
+    EXPECT_FALSE( tree_->exists( intfIpToRouterIdPath( vrf_ ) ) );
+}
+
+TEST_F( PathManagementScenarioTest, TopologyChurnBacksOffToTheCapAndQuietResetsIt ) {
+    start();
+    const PathInfoKey key = request( r5, 1, 1 );
+    EXPECT_EQ( msToNextRun( key ), 50 );
+    advanceMs( 200 );  // the hold window passes with nothing to do
+    // The first run waits the initial wait from the change; each later one
+    // follows the run before it by the doubled delay.
+    const std::vector<long> expected{ 50, 200, 400, 800, 1000, 1000 };
+    for ( size_t i = 0; i < expected.size(); ++i ) {
+        const double from = i == 0 ? Platform::now() : statsOf( key )->cspfLastRanAt();
+        metricIs( kR3R4, 10 + ( i % 2 ) + 1 );
+        msToNextRun( key );
+        EXPECT_EQ( std::lround( ( statsOf( key )->cspfLastRanAt() - from ) * 1000 ),
+                   expected[i] )
+            << "run " << i;
+    }
+    // A quiet window: the timer stops and the next change waits the initial
+    // wait again.
+    advanceMs( 1000 );
+    EXPECT_EQ( statsOf( key )->cspfCurrentDelay(), 50.0 );
+    metricIs( kR3R4, 10 );
+    EXPECT_EQ( msToNextRun( key ), 50 );
+    // Same hops every time: written once.
+    EXPECT_EQ( result( key ).changeCount, 1u );
+}
+
+TEST_F( PathManagementScenarioTest, EqualCostPathKeepsItsHopAcrossRecomputations ) {
+    start();
+    const PathInfoKey key = request( r4, 1, 1 );
+    advanceMs( 50 );
+    const std::vector<IpGenAddr> chosen = resultHops( key );
+    ASSERT_TRUE( chosen == hops( { "10.1.12.1", "10.1.24.1" } ) ||
+                 chosen == hops( { "10.1.13.1", "10.1.34.1" } ) );
+    for ( int i = 0; i < 30; ++i ) {
+        metricIs( kR1R5, 10 + ( i % 2 ) + 1 );
+        msToNextRun( key );
+        EXPECT_EQ( resultHops( key ), chosen ) << "run " << i;
+    }
+    EXPECT_EQ( statsOf( key )->cspfCount(), 31u );
+    EXPECT_EQ( result( key ).changeCount, 1u );
+}
+
+TEST_F( PathManagementScenarioTest, ConstraintChangeMovesThePathToTheNewComputation ) {
+    start();
+    const PathInfoKey key = request( r4, 1, 1 );
+    advanceMs( 50 );
+    const Ptr<ConstraintInfo> before = constraintOf( key );
+
+    request( r4, 1, 1, "Ethernet1" );
+    const Ptr<ConstraintInfo> after = constraintOf( key );
+    ASSERT_NE( after, before );
+    EXPECT_EQ( root->constraintInfoTable()->constraintInfos(), 1u );  // old one released
+    EXPECT_EQ( root->constraintInfoSms(), 1u );
+    EXPECT_TRUE( after->path( key ) );
+    EXPECT_EQ( root->pathStatusUpdateSm( key )->constraintInfo(), after );
+    advanceMs( 50 );
+    EXPECT_EQ( statsOf( key )->cspfCount(), 1u );
+    EXPECT_EQ( resultHops( key ), hops( { "10.1.13.1", "10.1.34.1" } ) );
+}
+
+TEST_F( PathManagementScenarioTest, RefreshSequencesRaisedLoweredAndUnchanged ) {
+    start();
+    const PathInfoKey key = request( r5, 1, 1 );
+    advanceMs( 50 );
+    EXPECT_EQ( result( key ).changeCount, 1u );
+
+    // Raised: answered at once from the cache, without a run.
+    request( r5, 1, 2 );
+    PathStatus s = result( key );
+    EXPECT_EQ( s.refreshRespSeq, 2u );
+    EXPECT_EQ( s.changeCount, 2u );
+    EXPECT_EQ( resultHops( key ), hops( { "10.1.15.1" } ) );
+    advanceMs( 500 );
+    EXPECT_EQ( statsOf( key )->cspfCount(), 1u );
+
+    // Lowered, then unchanged: nothing to answer, nothing written.
+    request( r5, 1, 1 );
+    request( r5, 1, 1 );
+    advanceMs( 500 );
+    s = result( key );
+    EXPECT_EQ( s.refreshRespSeq, 2u );
+    EXPECT_EQ( s.changeCount, 2u );
+    EXPECT_EQ( statsOf( key )->cspfCount(), 1u );
+
+    // Raised again past the old answer: answered with the new sequence.
+    request( r5, 1, 3 );
+    EXPECT_EQ( result( key ).refreshRespSeq, 3u );
+    EXPECT_EQ( result( key ).changeCount, 3u );
+    EXPECT_EQ( statsOf( key )->cspfCount(), 1u );
+}
+
+TEST_F( PathManagementScenarioTest, StartUpOverExistingResultsRewritesOnlyWhatDiffers ) {
+    // Left by an earlier agent: r4 through r3, and a stale path to r5.
+    PathStatus kept;
+    kept.key = PathKey( r4, 1 );
+    kept.refreshRespSeq = 1;
+    kept.changeCount = 5;
+    for ( const IpGenAddr& hop : hops( { "10.1.13.1", "10.1.34.1" } ) ) {
+        kept.hops.append( hop );
+    }
+    status_->pathStatusIs( kept );
+    PathStatus stale;
+    stale.key = PathKey( r5, 1 );
+    stale.refreshRespSeq = 1;
+    stale.changeCount = 3;
+    stale.hops.append( IpGenAddr( "10.9.9.9" ) );
+    status_->pathStatusIs( stale );
+
+    start();
+    const PathInfoKey k4 = request( r4, 1, 1 );
+    const PathInfoKey k5 = request( r5, 1, 1 );
+    // Until the first run the cache is what the client holds.
+    EXPECT_EQ( root->pathStatusCacheTable()->pathStatusCache( k4 )->hopCount(), 2u );
+    advanceMs( 50 );
+    EXPECT_EQ( statsOf( k4 )->cspfCount(), 1u );
+    EXPECT_EQ( result( k4 ), kept );  // equal cost keeps the held hops
+    const PathStatus s5 = result( k5 );
+    EXPECT_EQ( s5.changeCount, 4u );
+    EXPECT_EQ( resultHops( k5 ), hops( { "10.1.15.1" } ) );
+}
+
+TEST_F( PathManagementScenarioTest,
+        InterfaceAddressChangeMarksOnlyConstraintsExcludingIt ) {
+    start();
+    const PathInfoKey plain = request( r5, 1, 1 );
+    const PathInfoKey e1 = request( r4, 1, 1, "Ethernet1" );
+    const PathInfoKey e3 = request( r2, 1, 1, "Ethernet3" );
+    advanceMs( 1000 );
+    const double marked = Platform::now();
+
+    intfIs( "Ethernet1", "10.1.12.2" );
+    inotify_.poll();
+    EXPECT_EQ( constraintOf( e1 )->topoChangedAt(), marked );
+    EXPECT_EQ( constraintOf( e1 )->ipIntfStatusChangedAt(), marked );
+    EXPECT_EQ( constraintOf( plain )->topoChangedAt(), 0.0 );
+    EXPECT_EQ( constraintOf( e3 )->topoChangedAt(), 0.0 );
+
+    // A removed entry and an entry without addresses mark nothing.
+    advanceMs( 10 );
+    ipWriter_->intfAddrsDel( Net::IntfId( "Ethernet3" ) );
+    inotify_.poll();
+    EXPECT_EQ( constraintOf( e3 )->topoChangedAt(), 0.0 );
+    ipWriter_->intfAddrsIs( Net::IntfId( "Ethernet3" ), Ip::IntfAddrs() );
+    inotify_.poll();
+    EXPECT_EQ( constraintOf( e3 )->topoChangedAt(), 0.0 );
+    // Its first address does.
+    intfIs( "Ethernet3", "10.1.15.0" );
+    inotify_.poll();
+    EXPECT_EQ( constraintOf( e3 )->topoChangedAt(), Platform::now() );
+    EXPECT_EQ( constraintOf( e1 )->topoChangedAt(), marked );
+
+    // A topology change marks every constraint, the plain one included.
+    metricIs( kR3R4, 15 );
+    EXPECT_EQ( constraintOf( plain )->topoChangedAt(), Platform::now() );
+    EXPECT_EQ( constraintOf( e3 )->topoChangedAt(), Platform::now() );
+}
+
+TEST_F( PathManagementScenarioTest, LinkFailureMovesAffectedPathsAfterTheThrottle ) {
+    start();
+    const PathInfoKey k2 = request( r2, 1, 1 );
+    const PathInfoKey k6 = request( r6, 1, 1 );
+    const PathInfoKey k5 = request( r5, 1, 1 );
+    advanceMs( 1000 );
+    EXPECT_EQ( resultHops( k2 ), hops( { "10.1.12.1" } ) );
+    EXPECT_EQ( resultHops( k6 ), hops( { "10.1.12.1", "10.1.26.1" } ) );
+
+    topology_.links.erase( topology_.links.begin() + kR1R2 );
+    publishTopology();
+    advanceMs( 49 );
+    EXPECT_EQ( result( k2 ).changeCount, 1u );
+    advanceMs( 1 );
+    EXPECT_EQ( resultHops( k2 ), hops( { "10.1.13.1", "10.1.34.1", "10.1.24.0" } ) );
+    EXPECT_EQ( resultHops( k6 ),
+               hops( { "10.1.13.1", "10.1.34.1", "10.1.24.0", "10.1.26.1" } ) );
+    EXPECT_EQ( result( k2 ).changeCount, 2u );
+    EXPECT_EQ( result( k6 ).changeCount, 2u );
+    EXPECT_EQ( result( k5 ).changeCount, 1u );  // unaffected: not rewritten
+}
+
+TEST_F( PathManagementScenarioTest, DumpListsPathsConstraintsAndTopology ) {
+    start();
+    request( r5, 7, 1 );
+    advanceMs( 50 );
+    FILE* file = std::tmpfile();
+    ASSERT_NE( file, nullptr );
+    {
+        Platform::DumpContext context( fileno( file ) );
+        root->dumpState( context, 0 );
+        context.flush();
+    }
+    std::rewind( file );
+    std::string text;
+    char buffer[4096];
+    for ( size_t n; ( n = std::fread( buffer, 1, sizeof( buffer ), file ) ) > 0; ) {
+        text.append( buffer, n );
+    }
+    std::fclose( file );
+    const std::vector<std::string> lines{
+        "VRF default\n",
+        "----Path specific tables----\n",
+        "Desination IP: 10.0.0.5 Path ID: 7 Client: te1\n",
+        "----Constraint specific tables----\n",
+        "Constraint timer running: Yes\n",
+        "----Topology DB----\n",
+        "----Topology Status----\n",
+        "Topo ID: ",
+    };
+    size_t at = 0;
+    for ( const std::string& line : lines ) {
+        const size_t found = text.find( line, at );
+        ASSERT_NE( found, std::string::npos ) << line << "\n" << text;
+        at = found;
+    }
+    EXPECT_NE( text.find( "PathStatusUpdate SM: 0x" ), std::string::npos );
+}
