@@ -166,6 +166,9 @@ void ConstraintInfoSm::doRunCspf() {
 void ConstraintInfoSm::updatePathStatusCache( const CspfData& cspfData ) {
     // Publishing a path must not disturb the walk over the others.
     const std::vector<PathInfoKey> keys = constraintInfo_->pathColl().keys();
+    // The paths of one run share most of their routers: each link's hop is
+    // looked up once.
+    HopCache hopCache;
     for ( const PathInfoKey& key : keys ) {
         const Platform::Ptr<PathStatusCache> cache =
             pathStatusCacheTable_->pathStatusCache( key );
@@ -177,7 +180,7 @@ void ConstraintInfoSm::updatePathStatusCache( const CspfData& cspfData ) {
         Platform::Ptr<PathArray> path = Platform::create<PathArray>();
         try {
             const std::vector<Net::IpGenAddr> hops =
-                selectHops( cspfData, tep, cache->path().get() );
+                selectHops( cspfData, tep, cache->path().get(), &hopCache );
             for ( size_t i = 0; i < hops.size(); ++i ) {
                 path->pathIs( HopIndex::fromWide( i ), hops[i] );
             }

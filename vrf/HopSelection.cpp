@@ -64,9 +64,21 @@ Net::IpGenAddr nexthopOnLink( const AllTopoDbView& view, const CspfLinkInfo& lin
     return neighbor.addr;
 }
 
+Net::IpGenAddr HopCache::hop( const AllTopoDbView& view, const Net::IpGenAddr& router,
+                              size_t index, size_t lastLinks, const CspfLinkInfo& link ) {
+    auto& hops = hops_[router];
+    if ( hops.size() != lastLinks ) {
+        hops.assign( lastLinks, std::nullopt );
+    }
+    if ( !hops[index] ) {
+        hops[index] = nexthopOnLink( view, link );
+    }
+    return *hops[index];
+}
+
 std::vector<Net::IpGenAddr> selectHops( const CspfData& cspfData,
                                         const Net::IpGenAddr& tep,
-                                        const PathArray* oldPath ) {
+                                        const PathArray* oldPath, HopCache* cache ) {
     std::vector<Net::IpGenAddr> hops;
     const Net::IpGenAddr owner = cspfData.routerWithTep( tep );
     if ( owner.isAddrZero() ) {
@@ -99,13 +111,18 @@ std::vector<Net::IpGenAddr> selectHops( const CspfData& cspfData,
         const CspfLinkInfo* chosen = nullptr;
         Net::IpGenAddr hop;
         const size_t n = cspfPath->lastLinks();
+        auto hopOf = [&]( size_t index, const CspfLinkInfo& link ) {
+            return cache ? cache->hop( view, router, index, n, link )
+                         : nexthopOnLink( view, link );
+        };
         if ( n == 1 ) {
             chosen = &cspfPath->begin()->second;
-            hop = nexthopOnLink( view, *chosen );
+            hop = hopOf( 0, *chosen );
         } else {
             if ( oldHop ) {
+                size_t index = 0;
                 for ( const auto& [key, lastLink] : *cspfPath ) {
-                    const Net::IpGenAddr candidate = nexthopOnLink( view, lastLink );
+                    const Net::IpGenAddr candidate = hopOf( index++, lastLink );
                     if ( candidate == *oldHop ) {
                         chosen = &lastLink;
                         hop = candidate;
@@ -123,7 +140,7 @@ std::vector<Net::IpGenAddr> selectHops( const CspfData& cspfData,
                 auto it = cspfPath->begin();
                 std::advance( it, static_cast<ptrdiff_t>( index ) );
                 chosen = &it->second;
-                hop = nexthopOnLink( view, *chosen );
+                hop = hopOf( index, *chosen );
                 TRACE7( "Selecting index "
                         << index << " among " << n << " links for " << router << " from "
                         << chosen->cspfLinkInfoKey().allTopoNeighborKey().teNeighborOf()

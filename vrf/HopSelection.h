@@ -14,6 +14,8 @@
 // a hop costs a few lookups, not the decoding of a link record.
 #pragma once
 
+#include <optional>
+#include <unordered_map>
 #include <vector>
 
 #include "cspf/CspfData.h"
@@ -45,8 +47,25 @@ Net::IpGenAddr nexthopOnLink( const AllTopoDbView& view, const CspfLinkInfo& lin
 // result of the same path (null for none), whose hops are kept where they are
 // still equal-cost choices. RangeError (the HopIndex text) for a path of more
 // than 1024 hops, HopSelectionError as nexthopOnLink.
+//
+// `cache`, when given, keeps the hop of every last link looked at, for the
+// other paths of the same run: paths to many TEPs share most of their
+// routers, and a link's hop is the same for all of them.
+class HopCache;
 std::vector<Net::IpGenAddr> selectHops( const CspfData& cspfData,
                                         const Net::IpGenAddr& tep,
-                                        const PathArray* oldPath );
+                                        const PathArray* oldPath,
+                                        HopCache* cache = nullptr );
+
+// The hops of one run's last links, by settled router and position among
+// its last links. Valid for one CspfData only.
+class HopCache {
+  public:
+    Net::IpGenAddr hop( const AllTopoDbView& view, const Net::IpGenAddr& router,
+                        size_t index, size_t lastLinks, const CspfLinkInfo& link );
+
+  private:
+    std::unordered_map<Net::IpGenAddr, std::vector<std::optional<Net::IpGenAddr>>> hops_;
+};
 
 }  // namespace Cspf
