@@ -2,6 +2,7 @@
 // platform would publish them; the agent resolves an excluded interface
 // through them.
 #include <cstdio>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -80,6 +81,10 @@ int intfDel( Args args, const std::string& root ) {
 
 int intfShow( Args args, const std::string& root ) {
     expectArgs( args, 0, "no arguments" );
+    // Looking must not create: StateTree makes a missing root.
+    if ( !std::filesystem::is_directory( root ) ) {
+        throw Platform::Error( "no state tree at " + root );
+    }
     Platform::StateTree tree( root );
     auto status = Platform::create<Ip::Status>( tree, nullptr );
     for ( const auto& [intf, v4] : status->intfStatusColl() ) {

@@ -370,6 +370,10 @@ int topoShow( Args args, const std::string& root ) {
         printModel( *offline.allTopoDb(), *offline.allTopoDbStatus(), *view );
         return 0;
     }
+    // Looking must not create: StateTree makes a missing root.
+    if ( !std::filesystem::is_directory( root ) ) {
+        throw Platform::Error( "no state tree at " + root );
+    }
     Platform::StateTree tree( root );
     auto allTopoDb = Platform::create<AllTopoDb>();
     for ( int level = 1; level <= 2; ++level ) {

@@ -121,6 +121,7 @@ TEST( CspfctlTest, TopoShowTellsWhyALinkIsNotUsable ) {
     const CtlRun tree = cspfctl( "--root " + dir + "/tree topo show" );
     const CtlRun offline = cspfctl( "topo show --topology " + file );
     const CtlRun none = cspfctl( "--root " + dir + "/none topo show" );
+    EXPECT_FALSE( std::filesystem::exists( dir + "/none" ) );
     std::filesystem::remove_all( dir );
     EXPECT_EQ( none.status, 1 ) << none.out;
     ASSERT_EQ( tree.status, 0 ) << tree.out;
