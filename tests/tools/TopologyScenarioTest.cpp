@@ -1,0 +1,404 @@
+// Following IS-IS through a whole VRF, on the manual clock: a VrfRoot and its
+// VrfRootSm over a fresh state tree, the IS-IS side rewriting the level
+// tables from an edited model, and a client's path requests whose results
+// are read back from its status table.
+//
+//   level 1:  r1 --E1-- r2 --E2-- r4        metrics 10
+//             r1 --E2-- r6 --E2-- r4        metrics 20
+//   level 2:  r1 --E3-- r3 --E2-- r5        metrics 10   (r1 is in both)
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/Clock.h"
+#include "platform/Inotify.h"
+#include "platform/StateTree.h"
+#include "platform/Syslog.h"
+#include "platform/TaskScheduler.h"
+#include "records/Client.h"
+#include "tools/TopologyFile.h"
+#include "tools/TopologyLoad.h"
+#include "topo/TopoDbSm.h"
+#include "vrf/VrfRoot.h"
+#include "vrf/VrfRootSm.h"
+
+using namespace Cspf;
+using Net::IpGenAddr;
+using Platform::create;
+using Platform::Ptr;
+
+namespace {
+
+const char* kTopology = R"({
+  "format": "cspf-topology/1",
+  "routers": [
+    { "name": "r1", "systemId": "0000.0000.0001", "teRouterId": "10.0.0.1", "levels": [1, 2] },
+    { "name": "r2", "systemId": "0000.0000.0002", "teRouterId": "10.0.0.2", "levels": [1] },
+    { "name": "r3", "systemId": "0000.0000.0003", "teRouterId": "10.0.0.3", "levels": [2] },
+    { "name": "r4", "systemId": "0000.0000.0004", "teRouterId": "10.0.0.4", "levels": [1] },
+    { "name": "r5", "systemId": "0000.0000.0005", "teRouterId": "10.0.0.5", "levels": [2] },
+    { "name": "r6", "systemId": "0000.0000.0006", "teRouterId": "10.0.0.6", "levels": [1] }
+  ],
+  "links": [
+    { "level": 1, "ends": [
+      { "router": "r1", "interface": "Ethernet1", "ipv4": "10.1.12.0/31", "metric": 10 },
+      { "router": "r2", "interface": "Ethernet1", "ipv4": "10.1.12.1/31", "metric": 10 } ] },
+    { "level": 1, "ends": [
+      { "router": "r2", "interface": "Ethernet2", "ipv4": "10.1.24.0/31", "metric": 10 },
+      { "router": "r4", "interface": "Ethernet1", "ipv4": "10.1.24.1/31", "metric": 10 } ] },
+    { "level": 1, "ends": [
+      { "router": "r1", "interface": "Ethernet2", "ipv4": "10.1.16.0/31", "metric": 20 },
+      { "router": "r6", "interface": "Ethernet1", "ipv4": "10.1.16.1/31", "metric": 20 } ] },
+    { "level": 1, "ends": [
+      { "router": "r6", "interface": "Ethernet2", "ipv4": "10.1.46.0/31", "metric": 20 },
+      { "router": "r4", "interface": "Ethernet2", "ipv4": "10.1.46.1/31", "metric": 20 } ] },
+    { "level": 2, "ends": [
+      { "router": "r1", "interface": "Ethernet3", "ipv4": "10.1.13.0/31", "metric": 10 },
+      { "router": "r3", "interface": "Ethernet1", "ipv4": "10.1.13.1/31", "metric": 10 } ] },
+    { "level": 2, "ends": [
+      { "router": "r3", "interface": "Ethernet2", "ipv4": "10.1.35.0/31", "metric": 10 },
+      { "router": "r5", "interface": "Ethernet1", "ipv4": "10.1.35.1/31", "metric": 10 } ] }
+  ]
+})";
+
+using Hops = std::vector<IpGenAddr>;
+
+Hops hops( std::initializer_list<const char*> texts ) {
+    return Hops( texts.begin(), texts.end() );
+}
+
+TopoFile::LinkEnd linkEnd( const char* router, const char* intf, const char* addr ) {
+    TopoFile::LinkEnd end;
+    end.router = router;
+    end.interface = Net::IntfId( intf );
+    end.ipv4 = TopoFile::Address{ IpGenAddr( addr ), 31 };
+    end.metric = 10;
+    return end;
+}
+
+class TopologyScenarioTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        char tmpl[] = "/dev/shm/toposcenario-XXXXXX";
+        dir_ = mkdtemp( tmpl );
+        tree_ = std::make_unique<Platform::StateTree>( dir_ );
+        manager_ = std::make_unique<Platform::EntityManager>( *tree_, inotify_, nullptr );
+        topology_ = TopoFile::parseTopology( kTopology, "scenario" );
+        TopoFile::loadIntoTree( topology_, *tree_, vrf_ );
+        Syslog::sinkIs( [this]( std::string_view id, std::string_view text ) {
+            if ( id == CSPF_DUPLICATE_TE_ROUTER_ID.identifier ) {
+                duplicateLogs_.emplace_back( text );
+            }
+        } );
+
+        create<CspfCliConfigWriter>( *tree_, nullptr, kCspfCliConfigPath )
+            ->valueIs( { 50, 200, 1000 } );
+        manager_->mount<CspfCliConfig>( kCspfCliConfigPath, Platform::MountMode::read );
+        teWriter_ = create<TrafficEngineering::ConfigWriter>(
+            *tree_, nullptr, TrafficEngineering::kConfigPath );
+        teWriter_->valueIs( { true, IpGenAddr( "10.0.0.1" ) } );
+        teConfig_ = manager_->mount<TrafficEngineering::Config>(
+            TrafficEngineering::kConfigPath, Platform::MountMode::read );
+        ipWriter_ = create<Ip::StatusWriter>( *tree_, nullptr, Ip::kStatusPath );
+        intfIs( "Ethernet1", "10.1.99.0" );  // not yet the address of the r1-r2 link
+        intfIs( "Ethernet2", "10.1.16.0" );
+        intfIs( "Ethernet3", "10.1.13.0" );
+        manager_->mount<Ip::Status>( Ip::kStatusPath, Platform::MountMode::read );
+        clientDir_ = manager_->mount<Platform::DirectoryWatch>(
+            "routing/export/topodb/client", Platform::MountMode::writeImmediate );
+
+        const auto af = Net::AddressFamily::ipv4;
+        writer_ = create<ConfigWriter>( *tree_, nullptr,
+                                        pathConfigTablePath( vrf_, af, "te1" ) );
+        config_ =
+            create<Config>( *tree_, nullptr, pathConfigTablePath( vrf_, af, "te1" ) );
+        status_ =
+            create<Status>( *tree_, nullptr, pathStatusTablePath( vrf_, af, "te1" ) );
+        results_ = create<StatusReader>( *tree_, nullptr,
+                                         pathStatusTablePath( vrf_, af, "te1" ) );
+    }
+    void TearDown() override {
+        sm_ = nullptr;
+        root_ = nullptr;
+        Syslog::sinkIs( nullptr );
+        std::filesystem::remove_all( dir_ );
+    }
+
+    void start() {
+        root_ = vrfRootFactory( vrf_, Net::AddressFamily::ipv4, *manager_, teConfig_,
+                                clientDir_, scheduler_ );
+        sm_ = create<VrfRootSm>( vrf_, root_ );
+    }
+    void intfIs( const char* intf, const char* addr ) {
+        Ip::IntfAddrs addrs;
+        addrs.active = { IpGenAddr( addr ), 31 };
+        ipWriter_->intfAddrsIs( Net::IntfId( intf ), addrs );
+    }
+    // The IS-IS side rewrites the level tables; the agent hears of it.
+    void publishTopology() {
+        TopoFile::loadIntoTree( topology_, *tree_, vrf_ );
+        inotify_.poll();
+    }
+    TopoFile::Router& router( const std::string& name ) {
+        auto it = std::find_if( topology_.routers.begin(), topology_.routers.end(),
+                                [&]( const auto& r ) { return r.name == name; } );
+        EXPECT_NE( it, topology_.routers.end() ) << name;
+        return *it;
+    }
+    // A level 2 router with system id 0000.0000.00<n>.
+    void routerAdd( const char* name, uint8_t n, const char* te ) {
+        TopoFile::Router r;
+        r.name = name;
+        r.systemId = { 0, 0, 0, 0, 0, n };
+        r.teRouterId = IpGenAddr( te );
+        r.levels = { 2 };
+        topology_.routers.push_back( r );
+    }
+    // A level 2 link, ahead of the file's own: a link's id is its position,
+    // so removing r3's links later must not renumber the added ones (their
+    // routers' records would change in the same burst).
+    void linkAdd( const TopoFile::LinkEnd& a, const TopoFile::LinkEnd& b ) {
+        topology_.links.insert( topology_.links.begin() + added_++,
+                                TopoFile::Link{ 2, { a, b } } );
+    }
+    // The router goes, with every link it ends.
+    void routerDel( const std::string& name ) {
+        std::erase_if( topology_.routers,
+                       [&]( const auto& r ) { return r.name == name; } );
+        std::erase_if( topology_.links, [&]( const auto& l ) {
+            return l.ends[0].router == name || l.ends[1].router == name;
+        } );
+    }
+    PathInfoKey request( const char* dst, uint32_t id, const char* exclude = "" ) {
+        const PathKey key( IpGenAddr( dst ), id );
+        writer_->pathConfigIs(
+            PathConfig( key, 1, true, PathConstraint( Net::IntfId( exclude ) ) ) );
+        config_->sync();
+        const PathInfoKey infoKey( "te1", key );
+        auto info = root_->pathConfigInfoTable()->pathConfigInfoIs( infoKey, config_ );
+        root_->pathStatusInfoTable()->pathStatusInfoIs( infoKey, status_ );
+        info->changeCountInc();
+        return infoKey;
+    }
+    PathStatus result( const PathInfoKey& key ) {
+        results_->sync();
+        return results_->pathStatus( key.pathKey() );
+    }
+    Hops resultHops( const PathInfoKey& key ) {
+        const PathStatus s = result( key );
+        return Hops( s.hops.data(), s.hops.data() + s.hops.size() );
+    }
+    Ptr<ConstraintStats> statsOf( const PathInfoKey& key ) {
+        auto info = root_->pathStatusInfoTable()->pathStatusInfo( key );
+        return root_->constraintStatsTable()->constraintStats( info->constraint().get() );
+    }
+    // The published interface-address table as a client reads it.
+    Ptr<IntfIpToRouterIdReader> published() {
+        if ( !published_ ) {
+            published_ = create<IntfIpToRouterIdReader>( *tree_, nullptr,
+                                                         intfIpToRouterIdPath( vrf_ ) );
+        }
+        published_->sync();
+        return published_;
+    }
+    void advanceMs( double ms ) { clock_->advance( ms / 1000.0 ); }
+
+    Platform::ManualClockScope clock_;
+    Platform::TaskScheduler scheduler_{ nullptr, "Cspf", *clock_ };
+    Platform::Inotify inotify_{ nullptr };
+    std::string dir_;
+    std::unique_ptr<Platform::StateTree> tree_;
+    std::unique_ptr<Platform::EntityManager> manager_;
+    const L3::VrfName vrf_;
+    TopoFile::Topology topology_;
+    std::vector<std::string> duplicateLogs_;
+    size_t added_ = 0;
+    Ptr<TrafficEngineering::ConfigWriter> teWriter_;
+    Ptr<TrafficEngineering::Config> teConfig_;
+    Ptr<Ip::StatusWriter> ipWriter_;
+    Ptr<Platform::DirectoryWatch> clientDir_;
+    Ptr<ConfigWriter> writer_;
+    Ptr<Config> config_;
+    Ptr<Status> status_;
+    Ptr<StatusReader> results_;
+    Ptr<IntfIpToRouterIdReader> published_;
+    Ptr<VrfRoot> root_;
+    Ptr<VrfRootSm> sm_;
+};
+
+}  // namespace
+
+TEST_F( TopologyScenarioTest, DuplicateTeRouterIdIsIgnoredUntilTheOwnerLeaves ) {
+    start();
+    const PathInfoKey k3 = request( "10.0.0.3", 1 );
+    const PathInfoKey k8 = request( "10.0.0.8", 1 );
+    advanceMs( 1000 );
+    EXPECT_EQ( resultHops( k3 ), hops( { "10.1.13.1" } ) );
+
+    // r7 claims r3's TE router id and is the only way to r8.
+    routerAdd( "r7", 7, "10.0.0.3" );
+    routerAdd( "r8", 8, "10.0.0.8" );
+    linkAdd( linkEnd( "r1", "Ethernet4", "10.1.17.0" ),
+             linkEnd( "r7", "Ethernet1", "10.1.17.1" ) );
+    linkAdd( linkEnd( "r7", "Ethernet2", "10.1.78.0" ),
+             linkEnd( "r8", "Ethernet1", "10.1.78.1" ) );
+    publishTopology();
+    const std::string logged =
+        "TE router ID 10.0.0.3 for IS-IS router 0000.0000.0007 conflicts with IS-IS "
+        "router 0000.0000.0003, IS-IS router 0000.0000.0007 ignored";
+    EXPECT_EQ( duplicateLogs_, std::vector<std::string>{ logged } );
+    advanceMs( 1000 );
+    EXPECT_EQ( resultHops( k3 ), hops( { "10.1.13.1" } ) );
+    EXPECT_EQ( resultHops( k8 ), Hops() );
+    EXPECT_FALSE( published()->intfIpToRouterIdHas( IpGenAddr( "10.1.17.1" ) ) );
+
+    // Each handling of its record logs once more.
+    router( "r7" ).overload = true;
+    publishTopology();
+    router( "r7" ).overload = false;
+    publishTopology();
+    EXPECT_EQ( duplicateLogs_, std::vector<std::string>( 3, logged ) );
+    advanceMs( 1000 );
+    EXPECT_EQ( resultHops( k8 ), Hops() );
+
+    // The owner leaves: r7 takes the id over, silently.
+    routerDel( "r3" );
+    publishTopology();
+    EXPECT_EQ( duplicateLogs_.size(), 3u );
+    advanceMs( 49 );
+    EXPECT_EQ( resultHops( k3 ), hops( { "10.1.13.1" } ) );
+    advanceMs( 1 );
+    EXPECT_EQ( resultHops( k3 ), hops( { "10.1.17.1" } ) );
+    EXPECT_EQ( resultHops( k8 ), hops( { "10.1.17.1", "10.1.78.1" } ) );
+    EXPECT_EQ( published()->intfIpToRouterId( IpGenAddr( "10.1.17.1" ) ),
+               IpGenAddr( "10.0.0.3" ) );
+}
+
+TEST_F( TopologyScenarioTest, TransitRouterChangingItsTeRouterIdMovesPathsAndEntries ) {
+    start();
+    const PathInfoKey oldId = request( "10.0.0.2", 1 );
+    const PathInfoKey newId = request( "10.0.0.22", 1 );
+    const PathInfoKey beyond = request( "10.0.0.4", 1 );
+    advanceMs( 1000 );
+    EXPECT_EQ( resultHops( oldId ), hops( { "10.1.12.1" } ) );
+    EXPECT_EQ( resultHops( newId ), Hops() );
+    const IpGenAddr r2Addrs[] = { IpGenAddr( "10.1.12.1" ), IpGenAddr( "10.1.24.0" ) };
+    for ( const IpGenAddr& addr : r2Addrs ) {
+        EXPECT_EQ( published()->intfIpToRouterId( addr ), IpGenAddr( "10.0.0.2" ) );
+    }
+
+    router( "r2" ).teRouterId = IpGenAddr( "10.0.0.22" );
+    publishTopology();
+    advanceMs( 50 );
+    EXPECT_EQ( resultHops( oldId ), Hops() );
+    EXPECT_EQ( resultHops( newId ), hops( { "10.1.12.1" } ) );
+    EXPECT_EQ( resultHops( beyond ), hops( { "10.1.12.1", "10.1.24.1" } ) );
+    EXPECT_EQ( result( beyond ).changeCount, 1u );
+    for ( const IpGenAddr& addr : r2Addrs ) {
+        EXPECT_EQ( published()->intfIpToRouterId( addr ), IpGenAddr( "10.0.0.22" ) );
+    }
+    for ( const auto& [addr, version] : published()->keys() ) {
+        EXPECT_NE( published()->intfIpToRouterId( addr ), IpGenAddr( "10.0.0.2" ) )
+            << addr;
+    }
+}
+
+TEST_F( TopologyScenarioTest, LevelTwoRemovedLeavesLevelOnePathsWorking ) {
+    start();
+    const PathInfoKey inL1 = request( "10.0.0.4", 1 );
+    const PathInfoKey inL2 = request( "10.0.0.5", 1 );
+    advanceMs( 1000 );
+    EXPECT_EQ( resultHops( inL1 ), hops( { "10.1.12.1", "10.1.24.1" } ) );
+    EXPECT_EQ( resultHops( inL2 ), hops( { "10.1.13.1", "10.1.35.1" } ) );
+    const double before = root_->allTopoDbStatus()->topoChangedAt();
+
+    routerDel( "r3" );
+    routerDel( "r5" );
+    router( "r1" ).levels = { 1 };
+    publishTopology();
+    EXPECT_GT( root_->allTopoDbStatus()->topoChangedAt(), before );
+    advanceMs( 50 );
+    EXPECT_EQ( statsOf( inL1 )->cspfCount(), 2u );
+    EXPECT_EQ( resultHops( inL1 ), hops( { "10.1.12.1", "10.1.24.1" } ) );
+    EXPECT_EQ( result( inL1 ).changeCount, 1u );
+    EXPECT_EQ( resultHops( inL2 ), Hops() );
+    EXPECT_EQ( result( inL2 ).changeCount, 2u );
+    EXPECT_FALSE( published()->intfIpToRouterIdHas( IpGenAddr( "10.1.13.1" ) ) );
+    EXPECT_TRUE( published()->intfIpToRouterIdHas( IpGenAddr( "10.1.24.1" ) ) );
+}
+
+TEST_F( TopologyScenarioTest,
+        ExcludedInterfaceAddressChangeRecomputesOnlyItsConstraint ) {
+    start();
+    const PathInfoKey plain = request( "10.0.0.4", 1 );
+    const PathInfoKey excl = request( "10.0.0.4", 2, "Ethernet1" );
+    advanceMs( 1000 );
+    ASSERT_NE( statsOf( plain ), statsOf( excl ) );
+    // Ethernet1's address is on no link yet: excluding it excludes nothing.
+    EXPECT_EQ( resultHops( excl ), hops( { "10.1.12.1", "10.1.24.1" } ) );
+    const uint32_t plainRuns = statsOf( plain )->cspfCount();
+    const uint32_t exclRuns = statsOf( excl )->cspfCount();
+
+    intfIs( "Ethernet1", "10.1.12.0" );
+    inotify_.poll();
+    advanceMs( 1000 );
+    EXPECT_EQ( statsOf( excl )->cspfCount(), exclRuns + 1 );
+    EXPECT_EQ( statsOf( plain )->cspfCount(), plainRuns );
+    EXPECT_EQ( resultHops( excl ), hops( { "10.1.16.1", "10.1.46.1" } ) );
+    EXPECT_EQ( resultHops( plain ), hops( { "10.1.12.1", "10.1.24.1" } ) );
+    EXPECT_EQ( result( plain ).changeCount, 1u );
+}
+
+TEST_F( TopologyScenarioTest, StartUpRemovesStaleEntriesAndKeepsValidOnesAndResults ) {
+    // Left by an earlier agent: three valid entries, one for an address no
+    // router advertises, one naming a router that does not carry the address.
+    const std::vector<std::pair<const char*, const char*>> valid{
+        { "10.1.12.1", "10.0.0.2" },
+        { "10.1.24.1", "10.0.0.4" },
+        { "10.1.13.1", "10.0.0.3" } };
+    const std::vector<const char*> stale{ "10.9.9.9", "10.1.99.1" };
+    {
+        auto table = create<IntfIpToRouterIdWriter>( *tree_, nullptr,
+                                                     intfIpToRouterIdPath( vrf_ ) );
+        for ( const auto& [ip, id] : valid ) {
+            table->intfIpToRouterIdIs( IpGenAddr( ip ), IpGenAddr( id ) );
+        }
+        table->intfIpToRouterIdIs( IpGenAddr( stale[0] ), IpGenAddr( "10.0.0.9" ) );
+        table->intfIpToRouterIdIs( IpGenAddr( stale[1] ), IpGenAddr( "10.0.0.2" ) );
+    }
+    const std::map<IpGenAddr, uint64_t> versionsBefore = published()->keys();
+    ASSERT_EQ( versionsBefore.size(), valid.size() + stale.size() );
+    PathStatus held;
+    held.key = PathKey( IpGenAddr( "10.0.0.4" ), 1 );
+    held.refreshRespSeq = 1;
+    held.changeCount = 5;
+    for ( const IpGenAddr& hop : hops( { "10.1.12.1", "10.1.24.1" } ) ) {
+        held.hops.append( hop );
+    }
+    status_->pathStatusIs( held );
+
+    start();
+    for ( const char* ip : stale ) {
+        EXPECT_FALSE( published()->intfIpToRouterIdHas( IpGenAddr( ip ) ) ) << ip;
+    }
+    for ( const auto& [ip, id] : valid ) {
+        EXPECT_EQ( published()->intfIpToRouterId( IpGenAddr( ip ) ), IpGenAddr( id ) );
+        ASSERT_TRUE( published()->keys().count( IpGenAddr( ip ) ) ) << ip;
+        EXPECT_EQ( published()->keys().at( IpGenAddr( ip ) ),
+                   versionsBefore.at( IpGenAddr( ip ) ) )
+            << ip;
+    }
+    EXPECT_EQ( published()->intfIpToRouterId( IpGenAddr( "10.1.46.1" ) ),
+               IpGenAddr( "10.0.0.4" ) );
+
+    const PathInfoKey key = request( "10.0.0.4", 1 );
+    advanceMs( 50 );
+    EXPECT_EQ( statsOf( key )->cspfCount(), 1u );
+    EXPECT_EQ( result( key ), held );
+}
