@@ -13,6 +13,11 @@
 #include "tools/Ctl.h"
 #include "tools/TopologyFile.h"
 
+namespace Cspf::Ctl {
+// The running agent's diagnostics (CtlAgent.cpp).
+std::vector<Command> agentCommands();
+}  // namespace Cspf::Ctl
+
 namespace {
 
 using namespace Cspf::Ctl;
@@ -51,6 +56,12 @@ constexpr const char* kUsage =
     "                                   --tree lists every settled router with its cost\n"
     "                                   and parents; --json prints one object per line\n"
     "\n"
+    "The running agent, over its command channel (answers printed as sent):\n"
+    "  dump                             the agent's internal state dump\n"
+    "  sched-stats [detail] [debug] [history] [clear]\n"
+    "                                   the agent's timer task statistics; clear\n"
+    "                                   resets them\n"
+    "\n"
     "The state tree's root is --root, else $CSPF_STATE_ROOT, else /dev/shm/cspf.\n";
 
 }  // namespace
@@ -65,7 +76,7 @@ int main( int argc, char** argv ) {
         const std::string root =
             takeOption( args, "--root", Platform::StateTree::defaultRoot() );
         std::vector<Command> commands = topologyCommands();
-        for ( auto more : { computeCommands(), interfaceCommands() } ) {
+        for ( auto more : { computeCommands(), interfaceCommands(), agentCommands() } ) {
             for ( Command& c : more ) {
                 commands.push_back( std::move( c ) );
             }

@@ -2,13 +2,23 @@
 // topology with faults, and the exit statuses of bad invocations.
 #include <gtest/gtest.h>
 #include <stdio.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <future>
 #include <string>
+#include <thread>
 #include <vector>
+
+#include "platform/CommandChannel.h"
+#include "platform/EventLoop.h"
 
 namespace {
 
@@ -192,6 +202,120 @@ TEST( CspfctlTest, EditsRewriteOnlyWhatChangesAndRefuseWhatIsWrong ) {
         "Ethernet1 ipv4 10.1.12.0/31 secondary 10.9.9.1/24 ipv6 2001:db8:12::1/64\n" );
     EXPECT_EQ( cspfctl( root + "intf del Ethernet1" ).status, 0 );
     EXPECT_EQ( cspfctl( root + "intf show" ).out, "" );
+    std::filesystem::remove_all( dir );
+}
+
+}  // namespace
+
+namespace {
+
+// Stands in for the agent's handlers: answers what `answer` makes of the text.
+class AnswerCallback : public Platform::AgentCommandCallback {
+  public:
+    explicit AnswerCallback( std::function<std::string( const std::string& )> answer )
+        : answer_( std::move( answer ) ) {}
+    void handleCommand( uint32_t fd, const std::string& text ) override {
+        const std::string a = answer_( text );
+        EXPECT_EQ( write( static_cast<int>( fd ), a.data(), a.size() ),
+                   static_cast<ssize_t>( a.size() ) );
+    }
+
+  private:
+    std::function<std::string( const std::string& )> answer_;
+};
+
+const std::string kDumpAnswer =
+    "\n-----------Cspf Internal State Dump-------------\n\n"
+    "-----CSPF client config and status-----\n  rsvp\n    Vrf: default\n"
+    "no newline at the end";
+
+// A command channel where cspfd's agent listens, served on its own thread.
+class FakeAgent {
+  public:
+    FakeAgent( const std::string& root, bool schedStats ) {
+        std::promise<void> ready;
+        thread_ = std::thread( [this, root, schedStats, &ready] {
+            Platform::EventLoop loop;
+            Platform::CommandChannel channel(
+                loop, root + "/agent/commandRequest/config/Cspf" );
+            channel.handlerIs(
+                "CspfDump", new AnswerCallback( []( const std::string& text ) {
+                    return text == "DUMP_CSPF_STATE" ? kDumpAnswer : "Unknown command ";
+                } ) );
+            if ( schedStats ) {
+                channel.handlerIs( "CspfSchedStats",
+                                   new AnswerCallback( []( const std::string& text ) {
+                                       return "\n[" + text + "]";
+                                   } ) );
+            }
+            ready.set_value();
+            while ( !stop_ ) {
+                loop.runOnce( 20 );
+            }
+        } );
+        ready.get_future().wait();
+    }
+    ~FakeAgent() {
+        stop_ = true;
+        thread_.join();
+    }
+
+  private:
+    std::atomic<bool> stop_{ false };
+    std::thread thread_;
+};
+
+TEST( CspfctlTest, DumpAndSchedStatsPrintTheAgentsAnswerAsItIs ) {
+    char tmpl[] = "/dev/shm/cspfctltest-XXXXXX";
+    const std::string dir = mkdtemp( tmpl );
+    {
+        FakeAgent agent( dir + "/a", true );
+        const std::string root = "--root " + dir + "/a ";
+        const CtlRun dump = cspfctl( root + "dump" );
+        EXPECT_EQ( dump.status, 0 ) << dump.out;
+        EXPECT_EQ( dump.out, kDumpAnswer );
+        // Option words go over as given, unknown ones too, in their order.
+        EXPECT_EQ( cspfctl( root + "sched-stats" ).out, "\n[DUMP_SCHEDSTATS]" );
+        const CtlRun stats = cspfctl( root + "sched-stats clear detail bogus" );
+        EXPECT_EQ( stats.status, 0 );
+        EXPECT_EQ( stats.out, "\n[DUMP_SCHEDSTATS clear detail bogus]" );
+        EXPECT_EQ( cspfctl( root + "dump now" ).status, 2 );
+    }
+    {
+        // An agent without the handler: its refusal is shown, and fails.
+        FakeAgent agent( dir + "/b", false );
+        const CtlRun stats = cspfctl( "--root " + dir + "/b sched-stats" );
+        EXPECT_EQ( stats.status, 1 );
+        EXPECT_EQ( stats.out, "Unknown handler CspfSchedStats\n" );
+    }
+    std::filesystem::remove_all( dir );
+}
+
+TEST( CspfctlTest, NoAgentListeningIsOneLineAndStatusOne ) {
+    char tmpl[] = "/dev/shm/cspfctltest-XXXXXX";
+    const std::string dir = mkdtemp( tmpl );
+    const std::string channelDir = dir + "/agent/commandRequest/config/Cspf";
+    const CtlRun none = cspfctl( "--root " + dir + " dump" );
+    EXPECT_EQ( none.status, 1 );
+    EXPECT_EQ( none.out.rfind( "cspfctl: no agent is listening at " + channelDir, 0 ),
+               0u )
+        << none.out;
+    EXPECT_EQ( none.out.find( '\n' ), none.out.size() - 1 ) << none.out;
+
+    // The socket of an agent that died: nobody accepts on it.
+    std::filesystem::create_directories( channelDir );
+    const int fd = socket( AF_UNIX, SOCK_STREAM, 0 );
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    const std::string path = channelDir + "/command.sock";
+    std::strncpy( addr.sun_path, path.c_str(), sizeof( addr.sun_path ) - 1 );
+    ASSERT_EQ( bind( fd, reinterpret_cast<sockaddr*>( &addr ), sizeof( addr ) ), 0 );
+    close( fd );
+    const CtlRun dead = cspfctl( "--root " + dir + " sched-stats detail" );
+    EXPECT_EQ( dead.status, 1 );
+    EXPECT_EQ( dead.out.rfind( "cspfctl: no agent listens on " + path, 0 ), 0u )
+        << dead.out;
+    EXPECT_EQ( dead.out.find( '\n' ), dead.out.size() - 1 ) << dead.out;
     std::filesystem::remove_all( dir );
 }
 
