@@ -1,33 +1,74 @@
-// Client registrations: names, collections and the table paths built from them.
+// Client registrations: the table form, what the agent reads of it, and the
+// table paths built from a client's name.
 #include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cstring>
+#include <filesystem>
 
 #include "platform/Error.h"
+#include "platform/StateTree.h"
+#include "records/AgentStatus.h"
 #include "records/Client.h"
 
 using namespace Cspf;
 
-TEST( Client, RegistrationListsVrfsAndFamiliesAndBuildsTablePaths ) {
-    auto c = Platform::create<Client>( "rsvp" );
-    int vrfChanges = 0;
-    auto sub = Platform::subscribe( c.get(), Client::vrfTag,
-                                    [&]( const L3::VrfName& ) { ++vrfChanges; } );
-    c->vrfIs( L3::VrfName( "red" ), true );
-    c->vrfIs( L3::VrfName(), true );
-    c->vrfIs( L3::VrfName( "red" ), true );
-    c->addressFamilyIs( Net::AddressFamily::ipv4, true );
-    EXPECT_EQ( vrfChanges, 2 );
-    EXPECT_EQ( c->toString(),
-               "Value('Cspf::Client', ** {'name': rsvp, 'vrf': [default, red], "
-               "'addressFamily': [ipv4]})" );
+TEST( Client, RegistrationListsVrfsAndFamiliesPerEntry ) {
+    char tmpl[] = "/dev/shm/clienttest-XXXXXX";
+    const std::string root = mkdtemp( tmpl );
+    {
+        Platform::StateTree tree( root );
+        auto writer =
+            Platform::create<ClientWriter>( tree, nullptr, clientPath( "rsvp" ) );
+        auto client = Platform::create<Client>( tree, nullptr, clientPath( "rsvp" ) );
+        std::vector<ClientEntry> changed;
+        auto sub = Platform::subscribe(
+            client.get(), Client::recordTag,
+            [&]( const ClientEntry& e ) { changed.push_back( e ); } );
+        writer->vrfIs( L3::VrfName( "red" ) );
+        writer->vrfIs( L3::VrfName() );
+        writer->addressFamilyIs( Net::AddressFamily::ipv4 );
+        client->sync();
+        EXPECT_EQ( client->name(), "rsvp" );
+        EXPECT_EQ( changed.size(), 3u );
+        EXPECT_TRUE( client->vrf( L3::VrfName( "red" ) ) );
+        EXPECT_FALSE( client->addressFamily( Net::AddressFamily::ipv6 ) );
+        EXPECT_EQ( client->toString(),
+                   "Value('Cspf::Client', ** {'name': rsvp, 'vrf': [default, red], "
+                   "'addressFamily': [ipv4]})" );
+
+        changed.clear();
+        writer->vrfDel( L3::VrfName( "red" ) );
+        client->sync();
+        ASSERT_EQ( changed.size(), 1u );
+        EXPECT_EQ( changed[0], ClientEntry::ofVrf( L3::VrfName( "red" ) ) );
+        EXPECT_FALSE( client->vrf( L3::VrfName( "red" ) ) );
+    }
+    std::filesystem::remove_all( root );
+}
+
+TEST( Client, BadEntriesAndNamesAreRefused ) {
+    uint8_t key[ClientEntryRecord::keySize] = {};
+    key[0] = 2;
+    key[1] = 9;  // no such family
+    EXPECT_THROW( ClientEntryRecord::decodeKey( key ), Platform::DeserializationError );
+    key[0] = 7;  // no such kind
+    EXPECT_THROW( ClientEntryRecord::decodeKey( key ), Platform::DeserializationError );
+    ClientEntryRecord::encodeKey( ClientEntry::ofVrf( L3::VrfName( "blue" ) ), key );
+    EXPECT_EQ( ClientEntryRecord::decodeKey( key ).vrf, L3::VrfName( "blue" ) );
+    key[1] = 1;  // a VRF entry naming a family too
+    EXPECT_THROW( ClientEntryRecord::decodeKey( key ), Platform::DeserializationError );
+    const uint8_t flag[4] = { 2, 0, 0, 0 };
+    EXPECT_THROW( AgentStatusRecord::decodeValue( flag, 4 ),
+                  Platform::DeserializationError );
+    EXPECT_THROW( ClientEntryRecord::decodeValue( flag, 4 ),
+                  Platform::DeserializationError );
+    for ( const char* bad : { "", "..", "a/b", "tab\there" } ) {
+        EXPECT_THROW( clientPath( bad ), Platform::NameError ) << bad;
+    }
     EXPECT_EQ(
         pathConfigTablePath( L3::VrfName( "red" ), Net::AddressFamily::ipv6, "rsvp" ),
         "te/cspf/config/vrf/red/ipv6/rsvp" );
     EXPECT_EQ( pathStatusTablePath( L3::VrfName(), Net::AddressFamily::ipv4, "rsvp" ),
                "te/cspf/status/vrf/default/ipv4/rsvp" );
-}
-
-TEST( Client, NamesThatCannotBePathComponentsAreRefused ) {
-    for ( const char* bad : { "", "..", "a/b", "tab\there" } ) {
-        EXPECT_THROW( Platform::create<Client>( bad ), Platform::NameError ) << bad;
-    }
 }
