@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <future>
@@ -19,6 +18,7 @@
 #include "platform/DumpContext.h"
 #include "platform/Error.h"
 #include "platform/EventLoop.h"
+#include "tests/support/TempDir.h"
 
 using namespace Platform;
 
@@ -74,14 +74,6 @@ std::string rawClient( const std::string& path, std::vector<std::string> pieces 
 
 class CommandChannelTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        char tmpl[] = "/tmp/cspf-cmd-XXXXXX";
-        root_ = mkdtemp( tmpl );
-        dir_ = root_ + "/agent/commandRequest/config/Cspf";
-        sock_ = dir_ + "/command.sock";
-    }
-    void TearDown() override { std::filesystem::remove_all( root_ ); }
-
     // Runs the loop until `client` returns, and hands back its result.
     template <typename F>
     auto serve( F client ) {
@@ -93,8 +85,10 @@ class CommandChannelTest : public ::testing::Test {
         return result.get();
     }
 
+    TestKit::TempDir root_{ "cspf-cmd" };
+    const std::string dir_ = root_ / "agent/commandRequest/config/Cspf";
+    const std::string sock_ = dir_ + "/command.sock";
     EventLoop loop_;
-    std::string root_, dir_, sock_;
     Ptr<Echo> echo_ = new Echo;
 };
 

@@ -2,7 +2,6 @@
 // silent rename-over, a directory that appears and goes, handles destroyed
 // during dispatch, and resynchronisation after a queue overflow.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,26 +17,18 @@
 #include "platform/EventLoop.h"
 #include "platform/Inotify.h"
 #include "platform/StateTree.h"
+#include "tests/support/TempDir.h"
 
 using namespace Platform;
 using Names = std::vector<std::string>;
 
 namespace {
 
-struct Fixture {
-    std::string tmp;
-    std::unique_ptr<StateTree> tree;
-    Fixture() {
-        char tmpl[] = "/dev/shm/cspf-watch-XXXXXX";
-        tmp = mkdtemp( tmpl );
-        tree = std::make_unique<StateTree>( tmp );
-    }
-    ~Fixture() { std::filesystem::remove_all( tmp ); }
-    std::string path( const std::string& statePath ) const {
-        return tmp + "/" + statePath;
-    }
+struct Fixture : TestKit::TempTree {
+    Fixture() : TempTree( "cspf-watch" ) {}
+    std::string file( const std::string& statePath ) const { return *this / statePath; }
     void table( const std::string& statePath ) const {
-        std::ofstream( path( statePath ) ) << StateTree::kTableMagic;
+        std::ofstream( file( statePath ) ) << StateTree::kTableMagic;
     }
 };
 
@@ -51,15 +42,15 @@ Names namesOf( const DirectoryWatch& w ) {
 
 TEST( DirectoryWatch, ReportsEachNameThatComesOrGoes ) {
     Fixture f;
-    f.tree->makeDirectory( "clients" );
+    f.tree.makeDirectory( "clients" );
     f.table( "clients/old" );
     f.table( "clients/.old.tmp" );
     Inotify inotify( nullptr );
-    auto w = create<DirectoryWatch>( *f.tree, inotify, "clients/te", true );
+    auto w = create<DirectoryWatch>( f.tree, inotify, "clients/te", true );
     EXPECT_TRUE( w->present() );
     EXPECT_EQ( w->entries(), 0u );
 
-    auto w2 = create<DirectoryWatch>( *f.tree, inotify, "clients", false );
+    auto w2 = create<DirectoryWatch>( f.tree, inotify, "clients", false );
     EXPECT_EQ( namesOf( *w2 ), ( Names{ "old", "te" } ) );
     Names log;
     auto sub = subscribe( w2.get(), DirectoryWatch::entryTag,
@@ -67,25 +58,25 @@ TEST( DirectoryWatch, ReportsEachNameThatComesOrGoes ) {
 
     f.table( "clients/a" );
     f.table( "clients/.a.tmp" );
-    mkdir( f.path( "clients/sub" ).c_str(), 0700 );
-    std::ofstream( f.path( "clients/pending" ) );  // no magic yet: still a name
+    mkdir( f.file( "clients/sub" ).c_str(), 0700 );
+    std::ofstream( f.file( "clients/pending" ) );  // no magic yet: still a name
     inotify.poll();
     EXPECT_EQ( log, ( Names{ "a", "sub", "pending" } ) );
 
     log.clear();
-    unlink( f.path( "clients/old" ).c_str() );
-    rmdir( f.path( "clients/sub" ).c_str() );
+    unlink( f.file( "clients/old" ).c_str() );
+    rmdir( f.file( "clients/sub" ).c_str() );
     inotify.poll();
     EXPECT_EQ( log, ( Names{ "old", "sub" } ) );
 
     // A writer replacing a table: the name never left.
     log.clear();
-    rename( f.path( "clients/.a.tmp" ).c_str(), f.path( "clients/a" ).c_str() );
+    rename( f.file( "clients/.a.tmp" ).c_str(), f.file( "clients/a" ).c_str() );
     inotify.poll();
     EXPECT_TRUE( log.empty() );
     EXPECT_TRUE( w2->entryHas( "a" ) );
 
-    rename( f.path( "clients/a" ).c_str(), f.path( "clients/b" ).c_str() );
+    rename( f.file( "clients/a" ).c_str(), f.file( "clients/b" ).c_str() );
     inotify.poll();
     EXPECT_EQ( log, ( Names{ "a", "b" } ) );
     EXPECT_EQ( namesOf( *w2 ), ( Names{ "b", "pending", "te" } ) );
@@ -95,7 +86,7 @@ TEST( DirectoryWatch, FollowsADirectoryThatAppearsAndGoes ) {
     Fixture f;
     EventLoop loop;
     Inotify inotify( &loop );
-    auto w = create<DirectoryWatch>( *f.tree, inotify, "x/y/z", false );
+    auto w = create<DirectoryWatch>( f.tree, inotify, "x/y/z", false );
     EXPECT_FALSE( w->present() );
     Names log;
     auto sub = subscribe( w.get(), DirectoryWatch::entryTag,
@@ -105,26 +96,26 @@ TEST( DirectoryWatch, FollowsADirectoryThatAppearsAndGoes ) {
         }
     };
 
-    f.tree->makeDirectory( "x/y" );
+    f.tree.makeDirectory( "x/y" );
     pump();
     EXPECT_FALSE( w->present() );
 
     // Made all at once, faster than the watch moves down.
-    f.tree->makeDirectory( "x/y/z" );
+    f.tree.makeDirectory( "x/y/z" );
     f.table( "x/y/z/t" );
     pump();
     EXPECT_TRUE( w->present() );
     EXPECT_EQ( log, ( Names{ "t" } ) );
 
     log.clear();
-    std::filesystem::remove_all( f.path( "x" ) );
+    std::filesystem::remove_all( f.file( "x" ) );
     pump();
     EXPECT_FALSE( w->present() );
     EXPECT_EQ( log, ( Names{ "t" } ) );
     EXPECT_EQ( w->entries(), 0u );
 
     log.clear();
-    f.tree->makeDirectory( "x/y/z/u" );
+    f.tree.makeDirectory( "x/y/z/u" );
     pump();
     EXPECT_EQ( log, ( Names{ "u" } ) );
 }
@@ -134,17 +125,17 @@ TEST( Inotify, HandlesShareAWdAndMayGoDuringDispatch ) {
     Inotify inotify( nullptr );
     int a = 0, b = 0, c = 0, d = 0, e = 0;
     std::unique_ptr<InotifyWatch> ha, hb, hc, hd, he;
-    ha = inotify.watch( f.tmp, IN_CREATE, [&]( uint32_t, std::string_view ) {
+    ha = inotify.watch( f.path(), IN_CREATE, [&]( uint32_t, std::string_view ) {
         ++a;
         ha.reset();
         hb.reset();
-        hd =
-            inotify.watch( f.tmp, IN_CREATE, [&]( uint32_t, std::string_view ) { ++d; } );
+        hd = inotify.watch( f.path(), IN_CREATE,
+                            [&]( uint32_t, std::string_view ) { ++d; } );
     } );
-    hb = inotify.watch( f.tmp, IN_CREATE, [&]( uint32_t, std::string_view ) { ++b; } );
-    hc = inotify.watch( f.tmp, IN_CREATE, [&]( uint32_t, std::string_view ) { ++c; } );
+    hb = inotify.watch( f.path(), IN_CREATE, [&]( uint32_t, std::string_view ) { ++b; } );
+    hc = inotify.watch( f.path(), IN_CREATE, [&]( uint32_t, std::string_view ) { ++c; } );
     // Adding a delete-only handle must not narrow what the others hear.
-    he = inotify.watch( f.tmp, IN_DELETE, [&]( uint32_t, std::string_view ) { ++e; } );
+    he = inotify.watch( f.path(), IN_DELETE, [&]( uint32_t, std::string_view ) { ++e; } );
     EXPECT_EQ( inotify.watchedPaths(), 1u );
 
     f.table( "one" );
@@ -152,7 +143,7 @@ TEST( Inotify, HandlesShareAWdAndMayGoDuringDispatch ) {
     EXPECT_EQ( std::vector<int>( { a, b, c, d, e } ),
                std::vector<int>( { 1, 0, 1, 0, 0 } ) );
     f.table( "two" );
-    unlink( f.path( "one" ).c_str() );
+    unlink( f.file( "one" ).c_str() );
     inotify.poll();
     EXPECT_EQ( std::vector<int>( { a, b, c, d, e } ),
                std::vector<int>( { 1, 0, 2, 1, 1 } ) );
@@ -167,7 +158,7 @@ TEST( Inotify, HandlesShareAWdAndMayGoDuringDispatch ) {
     EXPECT_EQ( c + d + e, 4 );
 
     EXPECT_THROW(
-        inotify.watch( f.path( "missing" ), IN_CREATE, []( uint32_t, auto ) {} ), Error );
+        inotify.watch( f.file( "missing" ), IN_CREATE, []( uint32_t, auto ) {} ), Error );
 }
 
 TEST( Inotify, KernelDroppedWatchBecomesInert ) {
@@ -176,9 +167,9 @@ TEST( Inotify, KernelDroppedWatchBecomesInert ) {
     f.table( "t" );
     std::vector<uint32_t> masks;
     auto h = inotify.watch(
-        f.path( "t" ), IN_ATTRIB,
+        f.file( "t" ), IN_ATTRIB,
         [&]( uint32_t mask, std::string_view ) { masks.push_back( mask ); } );
-    unlink( f.path( "t" ).c_str() );
+    unlink( f.file( "t" ).c_str() );
     inotify.poll();
     ASSERT_FALSE( masks.empty() );
     EXPECT_TRUE( masks.front() & IN_ATTRIB );  // the link count went to 0
@@ -196,19 +187,19 @@ TEST( DirectoryWatch, OverflowResyncReportsOnlyChangedNames ) {
         GTEST_SKIP() << "inotify queue limit " << limit;
     }
     Inotify inotify( nullptr );
-    f.tree->makeDirectory( "big" );
+    f.tree.makeDirectory( "big" );
     f.table( "big/keep" );
     f.table( "big/gone" );
-    auto w = create<DirectoryWatch>( *f.tree, inotify, "big", false );
+    auto w = create<DirectoryWatch>( f.tree, inotify, "big", false );
     std::multiset<std::string> log;
     auto sub = subscribe( w.get(), DirectoryWatch::entryTag,
                           [&]( const std::string& name ) { log.insert( name ); } );
 
     const long extra = limit + 50;
     for ( long i = 0; i < extra; ++i ) {
-        std::ofstream( f.path( "big/n" + std::to_string( i ) ) );
+        std::ofstream( f.file( "big/n" + std::to_string( i ) ) );
     }
-    unlink( f.path( "big/gone" ).c_str() );
+    unlink( f.file( "big/gone" ).c_str() );
     inotify.poll();
     EXPECT_EQ( inotify.overflows(), 1u );
     EXPECT_EQ( w->rescans(), 1u );
@@ -221,7 +212,7 @@ TEST( DirectoryWatch, OverflowResyncReportsOnlyChangedNames ) {
     // arrive late: the rescan reports them, the late events add nothing.
     log.clear();
     f.table( "big/late" );
-    unlink( f.path( "big/keep" ).c_str() );
+    unlink( f.file( "big/keep" ).c_str() );
     w->resync();
     EXPECT_EQ( log, ( std::multiset<std::string>{ "keep", "late" } ) );
     inotify.poll();
@@ -231,13 +222,13 @@ TEST( DirectoryWatch, OverflowResyncReportsOnlyChangedNames ) {
 TEST( DirectoryWatch, ReactorMayDropTheWatchInItsHandler ) {
     Fixture f;
     Inotify inotify( nullptr );
-    Ptr<DirectoryWatch> w = create<DirectoryWatch>( *f.tree, inotify, "d", false );
+    Ptr<DirectoryWatch> w = create<DirectoryWatch>( f.tree, inotify, "d", false );
     int calls = 0;
     auto sub = subscribe( w.get(), DirectoryWatch::entryTag, [&]( const std::string& ) {
         ++calls;
         w.reset();  // the last reference, in the middle of applying a scan
     } );
-    f.tree->makeDirectory( "d" );
+    f.tree.makeDirectory( "d" );
     f.table( "d/a" );
     f.table( "d/b" );
     inotify.poll();

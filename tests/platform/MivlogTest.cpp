@@ -13,6 +13,7 @@
 
 #include "platform/Error.h"
 #include "platform/Mivlog.h"
+#include "tests/support/TempDir.h"
 
 namespace MivlogTestNs {
 
@@ -64,8 +65,6 @@ class MivlogTest : public ::testing::Test {
                                     : std::nullopt );
             unsetenv( name );
         }
-        char dirTemplate[] = "/tmp/mivlogtest-XXXXXX";
-        dir_ = mkdtemp( dirTemplate );
         Mivlog::shutdown();
         Mivlog::sinkIs( nullptr );
     }
@@ -76,7 +75,6 @@ class MivlogTest : public ::testing::Test {
             saved_[i] ? setenv( kVariables[i], saved_[i]->c_str(), 1 )
                       : unsetenv( kVariables[i] );
         }
-        fs::remove_all( dir_ );
     }
     void capture() {
         Mivlog::sinkIs(
@@ -94,7 +92,8 @@ class MivlogTest : public ::testing::Test {
     }
 
     std::vector<std::optional<std::string>> saved_;
-    std::string dir_;
+    TestKit::TempDir tmp_{ "mivlogtest" };
+    const std::string dir_ = tmp_.path();
     std::vector<std::string> lines_;
 };
 

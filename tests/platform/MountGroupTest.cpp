@@ -2,13 +2,11 @@
 // failure; immediate mounts never fail the group.
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <filesystem>
-
 #include "platform/EventLoop.h"
 #include "platform/Inotify.h"
 #include "platform/MountGroup.h"
 #include "platform/StateTree.h"
+#include "tests/support/TempDir.h"
 
 using namespace Platform;
 
@@ -34,18 +32,6 @@ using FlagWriter = SingletonWriter<FlagRecord>;
 
 class MountGroupTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        char tmpl[] = "/dev/shm/mounttest-XXXXXX";
-        root_ = mkdtemp( tmpl );
-        tree_ = std::make_unique<StateTree>( root_ );
-        inotify_ = std::make_unique<Inotify>( &loop_ );
-        manager_ = std::make_unique<EntityManager>( *tree_, *inotify_, &loop_ );
-    }
-    void TearDown() override {
-        manager_.reset();
-        inotify_.reset();
-        std::filesystem::remove_all( root_ );
-    }
     MountStatus run( MountGroup& group ) {
         MountStatus got;
         int calls = 0;
@@ -59,11 +45,12 @@ class MountGroupTest : public ::testing::Test {
         return got;
     }
 
-    std::string root_;
+    TestKit::TempTree tmp_{ "mounttest" };
+    StateTree& tree_ = tmp_.tree;
     EventLoop loop_;
-    std::unique_ptr<StateTree> tree_;
-    std::unique_ptr<Inotify> inotify_;
-    std::unique_ptr<EntityManager> manager_;
+    Inotify inotify_{ &loop_ };
+    std::unique_ptr<EntityManager> manager_ =
+        std::make_unique<EntityManager>( tree_, inotify_, &loop_ );
 };
 
 TEST_F( MountGroupTest, MountsInOrderAndCompletesOnTheLoop ) {
@@ -77,13 +64,13 @@ TEST_F( MountGroupTest, MountsInOrderAndCompletesOnTheLoop ) {
     EXPECT_TRUE( s.skipped.empty() );
     EXPECT_FALSE( manager_->entity<FlagReader>( "te/config" )->exists() );
     manager_->entity<FlagWriter>( "te/cspf/agentStatus" )->valueIs( 1 );
-    EXPECT_TRUE( tree_->exists( "routing/export/topodb/client" ) );
-    EXPECT_FALSE( tree_->exists( "te/cspf/client" ) );  // read mounts create nothing
+    EXPECT_TRUE( tree_.exists( "routing/export/topodb/client" ) );
+    EXPECT_FALSE( tree_.exists( "te/cspf/client" ) );  // read mounts create nothing
     EXPECT_THROW( group.mount<FlagReader>( "x", "rw" ), Error );
 }
 
 TEST_F( MountGroupTest, FailureNamesThePathUnlessImmediate ) {
-    auto other = create<FlagWriter>( *tree_, &loop_, "held" );  // another writer
+    auto other = create<FlagWriter>( tree_, &loop_, "held" );  // another writer
     MountGroup lenient( *manager_ );
     lenient.mount<FlagWriter>( "held", "wi" );
     lenient.mount<FlagReader>( "fine", "r" );

@@ -130,13 +130,6 @@ TEST( Runtime, EntityCollectionFindsOrCreatesAndInitializesOnce ) {
     EXPECT_EQ( c1->refCount(), 1u );  // only our Ptr is left
 }
 
-TEST( Runtime, ReactorRunsInitializedOnceAtCreation ) {
-    auto s = create<Sensor>();
-    std::vector<std::string> log;
-    auto w = create<Watcher>( s.get(), &log, "w" );
-    EXPECT_EQ( log, ( std::vector<std::string>{ "w:init" } ) );
-}
-
 TEST( Runtime, HandlerMayDeleteTheReactorBeingNotified ) {
     auto s = create<Sensor>();
     std::vector<std::string> log;

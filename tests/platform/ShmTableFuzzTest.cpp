@@ -6,49 +6,26 @@
 // The iterations run in child processes, a batch each, so that a crash, a
 // sanitizer report or a hang fails the test with the iteration that caused
 // it; an iteration is replayed from its seed.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <time.h>
-#include <unistd.h>
 
-#include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <functional>
-#include <iterator>
 #include <memory>
 #include <random>
-#include <set>
-#include <string>
-#include <vector>
 
 #include "platform/Error.h"
-#include "platform/ShmTable.h"
+#include "tests/support/Child.h"
+#include "tests/support/ShmTableKit.h"
+#include "tests/support/TempDir.h"
 
 using namespace Platform;
+using namespace TestKit;
 
 namespace {
-
-struct Key {
-    uint32_t id;
-    uint32_t pad = 0;
-};
 
 constexpr uint32_t kMaxValue = 2048;
 
 TableLayout layout() {
-    return TableLayout{ "Test::Fuzz", tableLayoutHash( "Test::Fuzz:key u32:value bytes" ),
-                        sizeof( Key ), kMaxValue };
-}
-
-double monoNow() {
-    timespec ts;
-    clock_gettime( CLOCK_MONOTONIC, &ts );
-    return static_cast<double>( ts.tv_sec ) + static_cast<double>( ts.tv_nsec ) * 1e-9;
+    return shmLayout( "Test::Fuzz", kMaxValue );
 }
 
 // Where the file keeps what the corruption aims at (docs/state-tree.md).
@@ -87,15 +64,6 @@ constexpr Field kHeaderFields[] = {
 constexpr Field kSlotFields[] = { { 0, 8 },  { 8, 8 },  { 16, 8 }, { 24, 4 },
                                   { 28, 4 }, { 32, 8 }, { 40, 4 } };
 constexpr Field kRingFields[] = { { 0, 8 }, { 8, 4 } };
-
-template <typename T>
-T load( const std::vector<uint8_t>& f, size_t at ) {
-    T v{};
-    if ( at + sizeof( T ) <= f.size() ) {
-        std::memcpy( &v, f.data() + at, sizeof( T ) );
-    }
-    return v;
-}
 
 // Damages `f` as the seeded `rng` says; returns what it did.
 std::string corrupt( std::vector<uint8_t>& f, std::mt19937_64& rng ) {
@@ -195,29 +163,10 @@ std::string corrupt( std::vector<uint8_t>& f, std::mt19937_64& rng ) {
     return what;
 }
 
-bool put( ShmTableWriter& w, uint32_t id, const std::string& v ) {
-    Key k{ id };
-    return w.set( &k, v.data(), static_cast<uint32_t>( v.size() ) );
-}
-
 // File offset of the live slot that holds `id`; 0 when none.
 uint64_t slotOf( const std::vector<uint8_t>& f, uint32_t id ) {
-    const uint64_t indexOffset = load<uint64_t>( f, 120 );
-    const uint32_t slotSize = load<uint32_t>( f, 116 ),
-                   capacity = load<uint32_t>( f, 128 );
-    for ( uint32_t i = 0; i < capacity; ++i ) {
-        const uint64_t slot = indexOffset + uint64_t( i ) * slotSize;
-        if ( load<uint32_t>( f, slot + 28 ) == 1 &&
-             load<uint32_t>( f, slot + 40 ) == id ) {
-            return slot;
-        }
-    }
-    return 0;
-}
-
-std::vector<uint8_t> readFile( const std::string& path ) {
-    std::ifstream in( path, std::ios::binary );
-    return std::vector<uint8_t>( std::istreambuf_iterator<char>( in ), {} );
+    const auto slots = liveSlots( f );
+    return slots.count( id ) ? slots.at( id ).offset : 0;
 }
 
 // Reads a damaged table every way a reader can; only Error may come out.
@@ -241,7 +190,7 @@ void readAll( const std::string& path, const std::set<uint32_t>& ids ) {
     } catch ( const Error& ) {
     }
     for ( uint32_t id : ids ) {
-        const Key k{ id };
+        const ShmKey k{ id };
         read( &k );
     }
     const auto versions = r->versions();  // the keys the reader iterates
@@ -264,11 +213,10 @@ std::string writeAfter( const std::string& path ) {
         return {};
     }
     try {
-        std::vector<Key> keys;
+        std::vector<ShmKey> keys;
         w->forEach( [&]( const uint8_t* key, const uint8_t*, uint32_t len ) {
-            Key k;
-            std::memcpy( &k, key, sizeof( k ) );
-            keys.push_back( k );
+            ShmKey& k = keys.emplace_back();
+            std::memcpy( &k, key, sizeof( k ) );  // the pad too, however damaged
             if ( len > kMaxValue ) {
                 throw std::runtime_error( "kept a value of " + std::to_string( len ) );
             }
@@ -278,13 +226,13 @@ std::string writeAfter( const std::string& path ) {
                    std::to_string( keys.size() ) + " records";
         }
         ShmTableReader r( path, layout() );
-        for ( const Key& k : keys ) {
+        for ( const ShmKey& k : keys ) {
             std::vector<uint8_t> a, b;
             if ( !w->get( &k, a ) || !r.get( &k, b ) || a != b ) {
                 return "record " + std::to_string( k.id ) + " reads differently";
             }
         }
-        for ( const Key& k : keys ) {
+        for ( const ShmKey& k : keys ) {
             w->del( &k );
             if ( w->has( &k ) ) {
                 return "record " + std::to_string( k.id ) +
@@ -293,9 +241,7 @@ std::string writeAfter( const std::string& path ) {
         }
         put( *w, 1, "after" );
         r.sync( {} );
-        const Key one{ 1 };
-        std::vector<uint8_t> v;
-        if ( !r.get( &one, v ) || std::string( v.begin(), v.end() ) != "after" ) {
+        if ( value( r, 1 ) != "after" ) {
             return "a new record is not readable";
         }
     } catch ( const Error& e ) {
@@ -306,20 +252,13 @@ std::string writeAfter( const std::string& path ) {
 
 class ShmTableFuzzTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        char tmpl[] = "/dev/shm/shmfuzztest-XXXXXX";
-        ASSERT_NE( mkdtemp( tmpl ), nullptr );
-        dir_ = tmpl;
-        path_ = dir_ + "/t/table";
-        std::filesystem::create_directory( dir_ + "/t" );
-    }
-    void TearDown() override { std::filesystem::remove_all( dir_ ); }
+    void SetUp() override { std::filesystem::create_directory( dir_ / "t" ); }
 
     // A sound table: `n` records of varied sizes, some removed, and more
     // changes than the ring holds when `churn`.
     std::vector<uint8_t> makeTemplate( uint32_t n, bool churn, std::set<uint32_t>& ids ) {
-        std::filesystem::remove_all( dir_ + "/t" );
-        std::filesystem::create_directory( dir_ + "/t" );
+        std::filesystem::remove_all( dir_ / "t" );
+        std::filesystem::create_directory( dir_ / "t" );
         {
             ShmTableWriter w( path_, layout() );
             std::mt19937 rng( n );
@@ -331,7 +270,7 @@ class ShmTableFuzzTest : public ::testing::Test {
                 }
             }
             for ( uint32_t id = 0; id < n; id += 5 ) {
-                w.del( &(const Key&)Key{ id } );
+                del( w, id );
             }
         }
         return readFile( path_ );
@@ -339,13 +278,12 @@ class ShmTableFuzzTest : public ::testing::Test {
 
     bool writeFile( const std::vector<uint8_t>& bytes ) {
         std::error_code ec;
-        std::filesystem::remove_all( dir_ + "/t", ec );
-        std::filesystem::create_directory( dir_ + "/t", ec );
-        int fd = ::open( path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600 );
-        bool ok = fd >= 0 && ::write( fd, bytes.data(), bytes.size() ) ==
-                                 static_cast<ssize_t>( bytes.size() );
-        ::close( fd );
-        return ok;
+        std::filesystem::remove_all( dir_ / "t", ec );
+        std::filesystem::create_directory( dir_ / "t", ec );
+        std::ofstream out( path_, std::ios::binary );
+        out.write( reinterpret_cast<const char*>( bytes.data() ),
+                   static_cast<std::streamsize>( bytes.size() ) );
+        return bool( out.flush() );
     }
 
     // Runs `fn` in a child that reports the iteration it is in through a
@@ -353,60 +291,18 @@ class ShmTableFuzzTest : public ::testing::Test {
     // exit code, -SIGNAL, or -1000 when an iteration hung.
     std::pair<int, int> runChild( const std::function<int( int progressFd )>& fn,
                                   double secondsPerIteration ) {
-        int fds[2];
-        if ( pipe2( fds, O_CLOEXEC ) != 0 ) {
-            return { -1, -2000 };
-        }
-        fflush( nullptr );
-        const pid_t pid = fork();
-        if ( pid == 0 ) {
-            ::close( fds[0] );
-            int code = 90;
-            try {
-                code = fn( fds[1] );
-            } catch ( const std::exception& e ) {
-                fprintf( stderr, "escaped: %s\n", e.what() );
-                code = 91;
-            } catch ( ... ) {
-                code = 92;
-            }
-            _exit( code );
-        }
-        ::close( fds[1] );
+        Pipe progress;
+        const pid_t pid = forkChild( [&] { return fn( progress.w ); } );
+        progress.closeWrite();
         int last = -1, got;
-        double deadline = monoNow() + secondsPerIteration;
-        bool hung = false;
-        for ( ;; ) {
-            pollfd pfd{ fds[0], POLLIN, 0 };
-            const int left = static_cast<int>( ( deadline - monoNow() ) * 1000 );
-            if ( left <= 0 ) {
-                hung = true;
-                break;
-            }
-            if ( poll( &pfd, 1, left ) <= 0 ) {
-                continue;
-            }
-            if ( ::read( fds[0], &got, sizeof( got ) ) != sizeof( got ) ) {
-                break;  // the child ended
-            }
+        while ( readFull( progress.r, &got, sizeof( got ), secondsPerIteration ) ) {
             last = got;
-            deadline = monoNow() + secondsPerIteration;
         }
-        ::close( fds[0] );
-        if ( hung ) {
-            kill( pid, SIGKILL );
-        }
-        int status = 0;
-        waitpid( pid, &status, 0 );
-        if ( hung ) {
-            return { last, -1000 };
-        }
-        return { last,
-                 WIFEXITED( status ) ? WEXITSTATUS( status ) : -WTERMSIG( status ) };
+        return { last, reapChild( pid, secondsPerIteration ) };
     }
 
-    std::string dir_;
-    std::string path_;
+    TempDir dir_{ "shmfuzztest" };
+    const std::string path_ = dir_ / "t/table";
 };
 
 TEST_F( ShmTableFuzzTest, DamagedTablesGiveErrorsNeverCrashes ) {
@@ -501,27 +397,20 @@ TEST_F( ShmTableFuzzTest, OneBadRecordDoesNotHideTheRest ) {
     const uint64_t slot = slotOf( bytes, 2 );
     ASSERT_NE( slot, 0u );
     const uint64_t outside = bytes.size() + 4096;
-    int fd = ::open( path_.c_str(), O_RDWR | O_CLOEXEC );
-    ASSERT_EQ( pwrite( fd, &outside, 8, static_cast<off_t>( slot + 16 ) ), 8 );
-    ::close( fd );
+    ASSERT_TRUE( patchFile( path_, slot + 16, &outside, 8 ) );
 
     std::unique_ptr<ShmTableReader> r;
     ASSERT_NO_THROW( r = std::make_unique<ShmTableReader>( path_, layout() ) );
-    std::vector<uint8_t> v;
-    EXPECT_THROW( r->get( &(const Key&)Key{ 2 }, v ), CorruptionError );
-    EXPECT_TRUE( r->get( &(const Key&)Key{ 1 }, v ) );
+    EXPECT_THROW( value( *r, 2 ), CorruptionError );
+    EXPECT_NE( value( *r, 1 ), "<absent>" );
     // More changes than the ring holds: the reader resynchronises.
     for ( int n = 0; n < 2000; ++n ) {
         put( w, 3, std::to_string( n ) );
     }
     w.flush();
-    std::set<uint32_t> reported;
-    EXPECT_NO_THROW( r->sync( [&]( const uint8_t* key ) {
-        Key k;
-        std::memcpy( &k, key, sizeof( k ) );
-        reported.insert( k.id );
-    } ) );
-    EXPECT_EQ( reported.count( 3 ), 1u );
+    std::vector<uint32_t> reported;
+    EXPECT_NO_THROW( reported = syncedKeys( *r ) );
+    EXPECT_EQ( std::count( reported.begin(), reported.end(), 3u ), 1 );
 }
 
 // A peer that scribbles over the geometry of a table that readers have
@@ -532,18 +421,15 @@ TEST_F( ShmTableFuzzTest, HeaderScribbledUnderAnAttachedReader ) {
     const auto [last, code] = runChild(
         [&]( int ) {
             ShmTableReader r( path_, layout() );
-            int fd = ::open( path_.c_str(), O_RDWR | O_CLOEXEC );
             const uint32_t capacity = 1u << 30;  // index capacity
             const uint64_t seq = 1u << 20;       // change sequence
-            if ( pwrite( fd, &capacity, 4, 128 ) != 4 ||
-                 pwrite( fd, &seq, 8, 160 ) != 8 ) {
+            if ( !patchFile( path_, kIndexCapacityAt, &capacity, 4 ) ||
+                 !patchFile( path_, 160, &seq, 8 ) ) {
                 return 2;
             }
-            ::close( fd );
             for ( uint32_t id = 0; id < 64; ++id ) {
                 try {
-                    std::vector<uint8_t> v;
-                    r.get( &(const Key&)Key{ id }, v );
+                    value( r, id );
                 } catch ( const Error& ) {
                 }
             }

@@ -1,65 +1,33 @@
 // Shared-memory tables within one process: records, notification of final
 // changes, growth by replacement, re-attach, and hostile files.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
-
-#include <cstring>
-#include <filesystem>
-#include <map>
-#include <set>
-#include <string>
 
 #include "platform/Error.h"
-#include "platform/ShmTable.h"
+#include "tests/support/ShmTableKit.h"
+#include "tests/support/TempDir.h"
 
 using namespace Platform;
+using namespace TestKit;
 
 namespace {
 
-struct Key {
-    uint32_t id;
-    uint32_t pad = 0;
-};
-
 TableLayout layout() {
-    return TableLayout{ "Test::Record",
-                        tableLayoutHash( "Test::Record:key u32:value bytes" ),
-                        sizeof( Key ), 4096 };
+    return shmLayout( "Test::Record" );
+}
+
+// The keys a sync reports, each once.
+std::set<uint32_t> sync( ShmTableReader& r ) {
+    const std::vector<uint32_t> keys = syncedKeys( r );
+    const std::set<uint32_t> once( keys.begin(), keys.end() );
+    EXPECT_EQ( once.size(), keys.size() ) << "a key reported twice";
+    return once;
 }
 
 class ShmTableTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        char tmpl[] = "/dev/shm/shmtabletest-XXXXXX";
-        dir_ = mkdtemp( tmpl );
-        path_ = dir_ + "/table";
-    }
-    void TearDown() override { std::filesystem::remove_all( dir_ ); }
-
-    static bool put( ShmTableWriter& w, uint32_t id, const std::string& v ) {
-        Key k{ id };
-        return w.set( &k, v.data(), static_cast<uint32_t>( v.size() ) );
-    }
-    template <typename T>
-    static std::string value( T& t, uint32_t id ) {
-        Key k{ id };
-        std::vector<uint8_t> v;
-        return t.get( &k, v ) ? std::string( v.begin(), v.end() ) : "<absent>";
-    }
-    static std::set<uint32_t> sync( ShmTableReader& r ) {
-        std::set<uint32_t> keys;
-        r.sync( [&]( const uint8_t* key ) {
-            Key k;
-            std::memcpy( &k, key, sizeof( k ) );
-            EXPECT_TRUE( keys.insert( k.id ).second ) << "key reported twice: " << k.id;
-        } );
-        return keys;
-    }
-
-    std::string dir_;
-    std::string path_;
+    TempDir dir_{ "shmtabletest" };
+    const std::string path_ = dir_ / "table";
 };
 
 TEST_F( ShmTableTest, RecordsAndFinalStateNotifications ) {
@@ -78,8 +46,8 @@ TEST_F( ShmTableTest, RecordsAndFinalStateNotifications ) {
     put( w, 1, "uno" );
     put( w, 1, "eins" );
     put( w, 3, "three" );
-    w.del( &(const Key&)Key{ 3 } );
-    w.del( &(const Key&)Key{ 2 } );
+    del( w, 3 );
+    del( w, 2 );
     put( w, 4, std::string( 300, 'x' ) );  // another size class
     EXPECT_EQ( sync( r ), ( std::set<uint32_t>{ 1, 2, 4 } ) );
     EXPECT_EQ( value( r, 1 ), "eins" );
@@ -94,7 +62,7 @@ TEST_F( ShmTableTest, InPlaceReadsKnowWhenTheirRecordWasRewritten ) {
     put( w, 2, "two" );
     ShmTableReader r( path_, layout() );
     RecordRef one, two;
-    const Key k1{ 1 }, k2{ 2 }, k3{ 3 };
+    const ShmKey k1{ 1 }, k2{ 2 }, k3{ 3 };
     ASSERT_TRUE( r.find( &k1, one ) );
     ASSERT_TRUE( r.find( &k2, two ) );
     EXPECT_FALSE( r.find( &k3, one ) );
@@ -121,7 +89,7 @@ TEST_F( ShmTableTest, ReaderBehindTheRingResynchronises ) {
             put( w, i, "r" + std::to_string( round ) );
         }
     }
-    w.del( &(const Key&)Key{ 0 } );
+    del( w, 0 );
     put( w, 5, "v" );  // back to its old value, but a new version: reported
     EXPECT_EQ( sync( r ), ( std::set<uint32_t>{ 0, 1, 2, 3, 4, 5, 6, 7, 8, 9 } ) );
     EXPECT_EQ( value( r, 9 ), "r299" );

@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -18,6 +17,7 @@
 
 #include "platform/Error.h"
 #include "platform/StateTree.h"
+#include "tests/support/TempDir.h"
 
 using namespace Platform;
 using testing::HasSubstr;
@@ -25,14 +25,7 @@ using Names = std::vector<std::string>;
 
 namespace {
 
-struct TempDir {
-    std::string path;
-    TempDir() {
-        char tmpl[] = "/dev/shm/cspf-tree-XXXXXX";
-        path = mkdtemp( tmpl );
-    }
-    ~TempDir() { std::filesystem::remove_all( path ); }
-};
+using TestKit::TempDir;
 
 void writeFile( const std::string& path, const std::string& content ) {
     std::ofstream( path, std::ios::binary ) << content;
@@ -46,8 +39,8 @@ mode_t modeOf( const std::string& path ) {
 
 TEST( StateTree, RefusesBadPathsNamingThem ) {
     TempDir tmp;
-    StateTree tree( tmp.path );
-    EXPECT_EQ( tree.filePath( "te/cspf/status" ), tmp.path + "/te/cspf/status" );
+    StateTree tree( tmp.path() );
+    EXPECT_EQ( tree.filePath( "te/cspf/status" ), tmp.path() + "/te/cspf/status" );
 
     const std::string longName( 101, 'x' );
     struct Case {
@@ -95,8 +88,8 @@ TEST( StateTree, ModesHoldWhateverTheUmask ) {
     TempDir tmp;
     mode_t savedMask = umask( 077 );  // would turn a bare mkdir 0750 into 0700
 
-    StateTree plain( tmp.path + "/p/q/root" );
-    EXPECT_EQ( modeOf( tmp.path + "/p" ), 0700u );
+    StateTree plain( tmp.path() + "/p/q/root" );
+    EXPECT_EQ( modeOf( tmp.path() + "/p" ), 0700u );
     EXPECT_EQ( modeOf( plain.root() ), 0700u );
     plain.makeParents( "a/b/t" );
     EXPECT_EQ( modeOf( plain.root() + "/a/b" ), 0700u );
@@ -106,7 +99,7 @@ TEST( StateTree, ModesHoldWhateverTheUmask ) {
     close( fd );
     EXPECT_EQ( modeOf( plain.root() + "/a/b/t" ), 0600u );
 
-    StateTree grouped( tmp.path + "/g", StateTree::Permissions{ getgid() } );
+    StateTree grouped( tmp.path() + "/g", StateTree::Permissions{ getgid() } );
     grouped.makeDirectory( "d/e" );
     struct stat st {};
     ASSERT_EQ( stat( ( grouped.root() + "/d/e" ).c_str(), &st ), 0 );
@@ -123,7 +116,7 @@ TEST( StateTree, ModesHoldWhateverTheUmask ) {
 // A tree with tables at several depths and one of everything else.
 struct Layout {
     TempDir tmp;
-    StateTree tree{ tmp.path };
+    StateTree tree{ tmp.path() };
     Layout() {
         const std::string r = tree.root();
         const std::string table = std::string( StateTree::kTableMagic ) + "payload";

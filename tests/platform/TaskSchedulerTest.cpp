@@ -2,7 +2,6 @@
 // deletion from callbacks, re-arming, figures and their text; and one real
 // timerfd path on an EventLoop.
 #include <gtest/gtest.h>
-#include <stdio.h>
 
 #include <cmath>
 #include <memory>
@@ -14,6 +13,7 @@
 #include "platform/Error.h"
 #include "platform/EventLoop.h"
 #include "platform/TaskScheduler.h"
+#include "tests/support/DumpText.h"
 
 using namespace Platform;
 
@@ -31,18 +31,9 @@ class TaskSchedulerTest : public ::testing::Test {
         } );
     }
     std::string text( bool detail, bool taskDetail, bool debug, bool history ) {
-        FILE* f = tmpfile();
-        {
-            DumpContext ctx( fileno( f ) );
+        return TestKit::dumpWith( [&]( DumpContext& ctx ) {
             sched.printStats( ctx, detail, taskDetail, debug, history );
-        }
-        std::string out;
-        rewind( f );
-        for ( int c; ( c = fgetc( f ) ) != EOF; ) {
-            out.push_back( static_cast<char>( c ) );
-        }
-        fclose( f );
-        return out;
+        } );
     }
 
     // The words of the stats line that starts with `name`.
@@ -239,19 +230,12 @@ TEST_F( TaskSchedulerTest, PrintStatsShowsEachTask ) {
     EXPECT_NE( out.find( "1 tasks, 0 scheduled, 10 runs" ), std::string::npos ) << out;
     EXPECT_NE( out.find( "(1 deleted tasks included)" ), std::string::npos ) << out;
 
-    FILE* f = tmpfile();
-    {
-        DumpContext ctx( fileno( f ) );
-        sched.dumpState( ctx, 2 );
-    }
-    char line[256] = {};
-    rewind( f );
-    ASSERT_NE( fgets( line, sizeof( line ), f ), nullptr );
-    EXPECT_STREQ(
-        line, "  TaskScheduler Cspf: 1 tasks, 0 scheduled, driven by manual clock\n" );
-    ASSERT_NE( fgets( line, sizeof( line ), f ), nullptr );
-    EXPECT_STREQ( line, "    TimerTask alpha prio 0: idle\n" );
-    fclose( f );
+    EXPECT_EQ(
+        TestKit::dumpText( sched, 2 )
+            .rfind( "  TaskScheduler Cspf: 1 tasks, 0 scheduled, driven by manual clock\n"
+                    "    TimerTask alpha prio 0: idle\n",
+                    0 ),
+        0u );
 }
 
 TEST_F( TaskSchedulerTest, TasksOutlivingTheSchedulerAreInert ) {

@@ -1,10 +1,8 @@
 // Interface address status: the record's checks, and the reader's faces
 // following a writer with fine-grained notifications.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstring>
-#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
@@ -14,6 +12,8 @@
 #include "platform/Inotify.h"
 #include "platform/StateTree.h"
 #include "records/IpStatus.h"
+#include "tests/support/DumpText.h"
+#include "tests/support/TempDir.h"
 
 using Net::IntfId;
 using Net::IpGenAddr;
@@ -46,23 +46,6 @@ std::string refusal( const std::vector<uint8_t>& bytes ) {
         return e.attribute();
     }
     return "";
-}
-
-std::string dumpOf( const Ip::Status& status ) {
-    int fds[2];
-    EXPECT_EQ( pipe( fds ), 0 );
-    {
-        Platform::DumpContext context( fds[1] );
-        status.dumpState( context, 0 );
-    }
-    close( fds[1] );
-    std::string out;
-    char buf[4096];
-    for ( ssize_t n; ( n = read( fds[0], buf, sizeof( buf ) ) ) > 0; ) {
-        out.append( buf, size_t( n ) );
-    }
-    close( fds[0] );
-    return out;
 }
 
 TEST( IpStatusRecord, RoundTripsAtEverySize ) {
@@ -157,32 +140,22 @@ TEST( IpStatusRecord, EncoderRefusesWhatTheDecoderWould ) {
 
 class IpStatusTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        char tmpl[] = "/dev/shm/ipstatustest-XXXXXX";
-        root_ = mkdtemp( tmpl );
-        tree_ = std::make_unique<Platform::StateTree>( root_ );
-        inotify_ = std::make_unique<Platform::Inotify>( &loop_ );
-    }
-    void TearDown() override {
-        inotify_.reset();
-        std::filesystem::remove_all( root_ );
-    }
     void pump() {
         for ( int i = 0; i < 20 && loop_.runOnce( 20 ) > 0; ++i ) {
         }
     }
 
-    std::string root_;
+    TestKit::TempTree tmp_{ "ipstatustest" };
+    Platform::StateTree& tree_ = tmp_.tree;
     Platform::EventLoop loop_;
-    std::unique_ptr<Platform::StateTree> tree_;
-    std::unique_ptr<Platform::Inotify> inotify_;
+    Platform::Inotify inotify_{ &loop_ };
     const IntfId eth1_{ "Ethernet1" };
     const IntfId eth2_{ "Ethernet2" };
 };
 
 TEST_F( IpStatusTest, FacesFollowTheRecordWithOneNotificationPerChange ) {
-    auto writer = Platform::create<Ip::StatusWriter>( *tree_, &loop_, Ip::kStatusPath );
-    auto status = Platform::create<Ip::Status>( *tree_, inotify_.get() );
+    auto writer = Platform::create<Ip::StatusWriter>( tree_, &loop_, Ip::kStatusPath );
+    auto status = Platform::create<Ip::Status>( tree_, &inotify_ );
     // A face enters its collection already filled.
     std::vector<std::string> entries;
     auto entrySub = Platform::subscribe(
@@ -250,9 +223,9 @@ TEST_F( IpStatusTest, FacesFollowTheRecordWithOneNotificationPerChange ) {
     EXPECT_EQ( ip6Entries, ( std::vector<std::string>{ "in", "out" } ) );
 
     // A reader attached late finds the same faces.
-    auto late = Platform::create<Ip::Status>( *tree_, inotify_.get() );
+    auto late = Platform::create<Ip::Status>( tree_, &inotify_ );
     EXPECT_EQ( late->intfStatus( eth1_ )->secondaryAddrs(), 2u );
-    const std::string dump = dumpOf( *late );
+    const std::string dump = TestKit::dumpText( *late );
     EXPECT_NE( dump.find( "Active address: 10.0.0.2/24\n" ), std::string::npos ) << dump;
     EXPECT_NE( dump.find( "Secondary address: 10.3.0.1/30\n" ), std::string::npos );
     EXPECT_NE( dump.find( "Ipv6 interfaces: 0\n" ), std::string::npos );
@@ -285,9 +258,9 @@ struct RawRecord : Ip::IntfAddrsRecord {
 };
 
 TEST_F( IpStatusTest, CorruptRecordIsReportedAndCountsAsAbsent ) {
-    auto raw = Platform::create<Platform::TableWriter<RawRecord>>( *tree_, &loop_,
+    auto raw = Platform::create<Platform::TableWriter<RawRecord>>( tree_, &loop_,
                                                                    Ip::kStatusPath );
-    auto status = Platform::create<Ip::Status>( *tree_, inotify_.get() );
+    auto status = Platform::create<Ip::Status>( tree_, &inotify_ );
     std::vector<std::string> reports;
     status->corruptionHandlerIs(
         [&]( const Platform::Error& e ) { reports.push_back( e.what() ); } );

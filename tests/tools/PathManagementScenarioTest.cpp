@@ -1,38 +1,21 @@
-// Path management of one VRF end to end, on the manual clock: a VrfRoot and
-// its VrfRootSm over a fresh state tree, a topology written into the level
-// tables as the IS-IS side would, requests written into a client's table with
-// path intake played by the test, and results read back from the client's
-// status table.
+// Path management of one VRF end to end, on the manual clock (VrfScenario):
+// throttling, equal-cost hops, constraint and refresh changes, start-up over
+// old results, interface addresses and link failures.
 //
 //   r1 (source) --E1-- r2 --E2-- r4      all metrics 10; r4 is reached at
 //   r1 --E2-- r3 --E2-- r4               equal cost through r2 or r3
 //   r1 --E3-- r5,  r2 --E3-- r6
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <cmath>
-#include <cstdio>
-#include <filesystem>
-#include <memory>
-#include <string>
-#include <vector>
 
-#include "platform/Clock.h"
-#include "platform/DumpContext.h"
-#include "platform/Inotify.h"
-#include "platform/MountGroup.h"
-#include "platform/StateTree.h"
-#include "platform/TaskScheduler.h"
-#include "records/Client.h"
-#include "tools/TopologyFile.h"
-#include "tools/TopologyLoad.h"
-#include "vrf/VrfRoot.h"
-#include "vrf/VrfRootSm.h"
+#include "tests/support/DumpText.h"
+#include "tests/support/VrfScenario.h"
 
 using namespace Cspf;
 using Net::IpGenAddr;
-using Platform::create;
 using Platform::Ptr;
+using TestKit::hops;
 
 namespace {
 
@@ -73,110 +56,23 @@ constexpr size_t kR1R2 = 0, kR3R4 = 3, kR1R5 = 4;
 
 const IpGenAddr r2( "10.0.0.2" ), r4( "10.0.0.4" ), r5( "10.0.0.5" ), r6( "10.0.0.6" );
 
-std::vector<IpGenAddr> hops( std::initializer_list<const char*> texts ) {
-    std::vector<IpGenAddr> out;
-    for ( const char* t : texts ) {
-        out.emplace_back( t );
-    }
-    return out;
-}
-
-class PathManagementScenarioTest : public ::testing::Test {
+class PathManagementScenarioTest : public TestKit::VrfScenario {
   protected:
     void SetUp() override {
-        char tmpl[] = "/dev/shm/pathscenario-XXXXXX";
-        root_ = mkdtemp( tmpl );
-        tree_ = std::make_unique<Platform::StateTree>( root_ );
-        manager_ = std::make_unique<Platform::EntityManager>( *tree_, inotify_, nullptr );
-        topology_ = TopoFile::parseTopology( kTopology, "scenario" );
-        TopoFile::loadIntoTree( topology_, *tree_, vrf_ );
-
-        cliWriter_ = create<CspfCliConfigWriter>( *tree_, nullptr, kCspfCliConfigPath );
-        cliWriter_->valueIs( { 50, 200, 1000 } );
-        manager_->mount<CspfCliConfig>( kCspfCliConfigPath, Platform::MountMode::read );
-        teWriter_ = create<TrafficEngineering::ConfigWriter>(
-            *tree_, nullptr, TrafficEngineering::kConfigPath );
-        teWriter_->valueIs( { true, IpGenAddr( "10.0.0.1" ) } );
-        teConfig_ = manager_->mount<TrafficEngineering::Config>(
-            TrafficEngineering::kConfigPath, Platform::MountMode::read );
-        ipWriter_ = create<Ip::StatusWriter>( *tree_, nullptr, Ip::kStatusPath );
-        intfIs( "Ethernet1", "10.1.12.0" );
-        intfIs( "Ethernet2", "10.1.13.0" );
-        intfIs( "Ethernet3", "10.1.15.0" );
-        manager_->mount<Ip::Status>( Ip::kStatusPath, Platform::MountMode::read );
-        clientDir_ = manager_->mount<Platform::DirectoryWatch>(
-            "routing/export/topodb/client", Platform::MountMode::writeImmediate );
-
-        const auto af = Net::AddressFamily::ipv4;
-        writer_ = create<ConfigWriter>( *tree_, nullptr,
-                                        pathConfigTablePath( vrf_, af, "te1" ) );
-        config_ =
-            create<Config>( *tree_, nullptr, pathConfigTablePath( vrf_, af, "te1" ) );
-        status_ =
-            create<Status>( *tree_, nullptr, pathStatusTablePath( vrf_, af, "te1" ) );
-        results_ = create<StatusReader>( *tree_, nullptr,
-                                         pathStatusTablePath( vrf_, af, "te1" ) );
-    }
-    void TearDown() override {
-        stop();
-        std::filesystem::remove_all( root_ );
-    }
-
-    void start() {
-        root = vrfRootFactory( vrf_, Net::AddressFamily::ipv4, *manager_, teConfig_,
-                               clientDir_, scheduler_ );
-        sm = create<VrfRootSm>( vrf_, root );
-    }
-    void stop() {
-        sm = nullptr;
-        root = nullptr;
-    }
-    void intfIs( const char* intf, const char* addr ) {
-        Ip::IntfAddrs addrs;
-        addrs.active = { IpGenAddr( addr ), 31 };
-        ipWriter_->intfAddrsIs( Net::IntfId( intf ), addrs );
-    }
-    // The IS-IS side rewrites the level tables; the agent hears of it.
-    void publishTopology() {
-        TopoFile::loadIntoTree( topology_, *tree_, vrf_ );
-        inotify_.poll();
+        setUp( kTopology, { { "Ethernet1", "10.1.12.0" },
+                            { "Ethernet2", "10.1.13.0" },
+                            { "Ethernet3", "10.1.15.0" } } );
     }
     void metricIs( size_t link, uint32_t metric ) {
-        for ( auto& end : topology_.links[link].ends ) {
+        for ( auto& end : topology.links[link].ends ) {
             end.metric = metric;
         }
         publishTopology();
-    }
-    // The client writes a request; path intake notes it.
-    PathInfoKey request( const IpGenAddr& dst, uint32_t id, uint32_t seq,
-                         const char* exclude = "" ) {
-        const PathKey key( dst, id );
-        writer_->pathConfigIs(
-            PathConfig( key, seq, true, PathConstraint( Net::IntfId( exclude ) ) ) );
-        config_->sync();
-        const PathInfoKey infoKey( "te1", key );
-        auto info = root->pathConfigInfoTable()->pathConfigInfoIs( infoKey, config_ );
-        root->pathStatusInfoTable()->pathStatusInfoIs( infoKey, status_ );
-        info->changeCountInc();
-        return infoKey;
-    }
-    PathStatus result( const PathInfoKey& key ) {
-        results_->sync();
-        return results_->pathStatus( key.pathKey() );
-    }
-    std::vector<IpGenAddr> resultHops( const PathInfoKey& key ) {
-        const PathStatus s = result( key );
-        return std::vector<IpGenAddr>( s.hops.data(), s.hops.data() + s.hops.size() );
     }
     Ptr<ConstraintInfo> constraintOf( const PathInfoKey& key ) {
         auto info = root->pathStatusInfoTable()->pathStatusInfo( key );
         return root->constraintInfoTable()->constraintInfo( info->constraint().get() );
     }
-    Ptr<ConstraintStats> statsOf( const PathInfoKey& key ) {
-        auto info = root->pathStatusInfoTable()->pathStatusInfo( key );
-        return root->constraintStatsTable()->constraintStats( info->constraint().get() );
-    }
-    void advanceMs( double ms ) { clock_->advance( ms / 1000.0 ); }
     // Steps a millisecond at a time until the constraint of `key` runs again;
     // the milliseconds since the call.
     long msToNextRun( const PathInfoKey& key ) {
@@ -189,26 +85,6 @@ class PathManagementScenarioTest : public ::testing::Test {
         EXPECT_EQ( stats->cspfCount(), runs + 1 );
         return std::lround( ( stats->cspfLastRanAt() - since ) * 1000 );
     }
-
-    Platform::ManualClockScope clock_;
-    Platform::TaskScheduler scheduler_{ nullptr, "Cspf", *clock_ };
-    Platform::Inotify inotify_{ nullptr };
-    std::string root_;
-    std::unique_ptr<Platform::StateTree> tree_;
-    std::unique_ptr<Platform::EntityManager> manager_;
-    const L3::VrfName vrf_;
-    TopoFile::Topology topology_;
-    Ptr<CspfCliConfigWriter> cliWriter_;
-    Ptr<TrafficEngineering::ConfigWriter> teWriter_;
-    Ptr<TrafficEngineering::Config> teConfig_;
-    Ptr<Ip::StatusWriter> ipWriter_;
-    Ptr<Platform::DirectoryWatch> clientDir_;
-    Ptr<ConfigWriter> writer_;
-    Ptr<Config> config_;
-    Ptr<Status> status_;
-    Ptr<StatusReader> results_;
-    Ptr<VrfRoot> root;
-    Ptr<VrfRootSm> sm;
 };
 
 }  // namespace
@@ -217,13 +93,13 @@ TEST_F( PathManagementScenarioTest,
         OneRequestAfterAQuietPeriodRunsOnceAfterInitialWait ) {
     start();
     const std::string clientEntry = "routing/export/topodb/client/cspf/default";
-    EXPECT_TRUE( tree_->exists( clientEntry ) );
-    EXPECT_TRUE( tree_->exists( intfIpToRouterIdPath( vrf_ ) ) );
+    EXPECT_TRUE( tree.exists( clientEntry ) );
+    EXPECT_TRUE( tree.exists( intfIpToRouterIdPath( vrf ) ) );
 
     const PathInfoKey key = request( r5, 1, 1 );
     EXPECT_TRUE( root->pathStatusUpdateSmHas( key ) );
     advanceMs( 49 );
-    EXPECT_FALSE( results_->pathStatusHas( key.pathKey() ) );
+    EXPECT_FALSE( results->pathStatusHas( key.pathKey() ) );
     advanceMs( 1 );
     EXPECT_EQ( statsOf( key )->cspfCount(), 1u );
     const PathStatus first = result( key );
@@ -243,8 +119,8 @@ TEST_F( PathManagementScenarioTest,
     EXPECT_EQ( root->constraintStatsTable()->constraintStatsCount(), 0u );
 
     stop();
-    EXPECT_FALSE( tree_->exists( clientEntry ) );
-    EXPECT_FALSE( tree_->exists( intfIpToRouterIdPath( vrf_ ) ) );
+    EXPECT_FALSE( tree.exists( clientEntry ) );
+    EXPECT_FALSE( tree.exists( intfIpToRouterIdPath( vrf ) ) );
 }
 
 TEST_F( PathManagementScenarioTest, TopologyChurnBacksOffToTheCapAndQuietResetsIt ) {
@@ -347,13 +223,13 @@ TEST_F( PathManagementScenarioTest, StartUpOverExistingResultsRewritesOnlyWhatDi
     for ( const IpGenAddr& hop : hops( { "10.1.13.1", "10.1.34.1" } ) ) {
         kept.hops.append( hop );
     }
-    status_->pathStatusIs( kept );
+    status->pathStatusIs( kept );
     PathStatus stale;
     stale.key = PathKey( r5, 1 );
     stale.refreshRespSeq = 1;
     stale.changeCount = 3;
     stale.hops.append( IpGenAddr( "10.9.9.9" ) );
-    status_->pathStatusIs( stale );
+    status->pathStatusIs( stale );
 
     start();
     const PathInfoKey k4 = request( r4, 1, 1 );
@@ -378,7 +254,7 @@ TEST_F( PathManagementScenarioTest,
     const double marked = Platform::now();
 
     intfIs( "Ethernet1", "10.1.12.2" );
-    inotify_.poll();
+    inotify.poll();
     EXPECT_EQ( constraintOf( e1 )->topoChangedAt(), marked );
     EXPECT_EQ( constraintOf( e1 )->ipIntfStatusChangedAt(), marked );
     EXPECT_EQ( constraintOf( plain )->topoChangedAt(), 0.0 );
@@ -386,15 +262,15 @@ TEST_F( PathManagementScenarioTest,
 
     // A removed entry and an entry without addresses mark nothing.
     advanceMs( 10 );
-    ipWriter_->intfAddrsDel( Net::IntfId( "Ethernet3" ) );
-    inotify_.poll();
+    ipWriter->intfAddrsDel( Net::IntfId( "Ethernet3" ) );
+    inotify.poll();
     EXPECT_EQ( constraintOf( e3 )->topoChangedAt(), 0.0 );
-    ipWriter_->intfAddrsIs( Net::IntfId( "Ethernet3" ), Ip::IntfAddrs() );
-    inotify_.poll();
+    ipWriter->intfAddrsIs( Net::IntfId( "Ethernet3" ), Ip::IntfAddrs() );
+    inotify.poll();
     EXPECT_EQ( constraintOf( e3 )->topoChangedAt(), 0.0 );
     // Its first address does.
     intfIs( "Ethernet3", "10.1.15.0" );
-    inotify_.poll();
+    inotify.poll();
     EXPECT_EQ( constraintOf( e3 )->topoChangedAt(), Platform::now() );
     EXPECT_EQ( constraintOf( e1 )->topoChangedAt(), marked );
 
@@ -413,7 +289,7 @@ TEST_F( PathManagementScenarioTest, LinkFailureMovesAffectedPathsAfterTheThrottl
     EXPECT_EQ( resultHops( k2 ), hops( { "10.1.12.1" } ) );
     EXPECT_EQ( resultHops( k6 ), hops( { "10.1.12.1", "10.1.26.1" } ) );
 
-    topology_.links.erase( topology_.links.begin() + kR1R2 );
+    topology.links.erase( topology.links.begin() + kR1R2 );
     publishTopology();
     advanceMs( 49 );
     EXPECT_EQ( result( k2 ).changeCount, 1u );
@@ -430,20 +306,7 @@ TEST_F( PathManagementScenarioTest, DumpListsPathsConstraintsAndTopology ) {
     start();
     request( r5, 7, 1 );
     advanceMs( 50 );
-    FILE* file = std::tmpfile();
-    ASSERT_NE( file, nullptr );
-    {
-        Platform::DumpContext context( fileno( file ) );
-        root->dumpState( context, 0 );
-        context.flush();
-    }
-    std::rewind( file );
-    std::string text;
-    char buffer[4096];
-    for ( size_t n; ( n = std::fread( buffer, 1, sizeof( buffer ), file ) ) > 0; ) {
-        text.append( buffer, n );
-    }
-    std::fclose( file );
+    const std::string text = TestKit::dumpText( *root );
     const std::vector<std::string> lines{
         "VRF default\n",
         "----Path specific tables----\n",

@@ -2,7 +2,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <sstream>
@@ -36,182 +35,146 @@ json baseDoc() {
 }
 
 struct BadCase {
-    std::function<void( json& )> change;
+    std::string patch;
     std::string where;
     std::string problem;  // a prefix of the problem
 };
 
-void set( json& d, const char* ptr, json v ) {
-    d[Ptr( ptr )] = std::move( v );
-}
-void del( json& d, const char* ptr ) {
-    Ptr p( ptr );
-    d[p.parent_pointer()].erase( p.back() );
+// Edits `d` as `patch` says: "PTR=JSON" sets, "-PTR" removes, "PTR<FROM"
+// copies, several separated by "; ".
+void apply( json& d, const std::string& patch ) {
+    std::istringstream in( patch );
+    for ( std::string op; std::getline( in, op, ';' ); ) {
+        op.erase( 0, op.find_first_not_of( ' ' ) );
+        if ( op[0] == '-' ) {
+            const Ptr p( op.substr( 1 ) );
+            json& parent = d[p.parent_pointer()];
+            if ( parent.is_array() ) {
+                parent.erase( std::stoul( p.back() ) );
+            } else {
+                parent.erase( p.back() );
+            }
+        } else if ( const size_t from = op.find( '<' ); from != std::string::npos ) {
+            const json copy = d[Ptr( op.substr( from + 1 ) )];
+            d[Ptr( op.substr( 0, from ) )] = copy;
+        } else {
+            const size_t eq = op.find( '=' );
+            d[Ptr( op.substr( 0, eq ) )] = json::parse( op.substr( eq + 1 ) );
+        }
+    }
 }
 
 TEST( TopologyFileTest, EveryProblemNamesItsJsonPath ) {
     const std::string metricRange =
         "IS-IS wide metrics and the TE default metric are 24-bit, at most 16777215";
-    std::vector<BadCase> cases = {
-        { []( json& d ) { d = json::array(); }, "$",
-          "expected an object, found an array" },
-        { []( json& d ) { set( d, "/format", "cspf-topology/2" ); }, "$.format",
+    const std::vector<BadCase> cases = {
+        { "=[]", "$", "expected an object, found an array" },
+        { R"(/format="cspf-topology/2")", "$.format",
           "unknown format 'cspf-topology/2', expected 'cspf-topology/1'" },
-        { []( json& d ) { del( d, "/format" ); }, "$.format", "missing field" },
-        { []( json& d ) { del( d, "/routers" ); }, "$.routers", "missing field" },
-        { []( json& d ) { del( d, "/routers/0/systemId" ); }, "$.routers[0].systemId",
-          "missing field" },
-        { []( json& d ) { set( d, "/routers/0/levels", "2" ); }, "$.routers[0].levels",
+        { "-/format", "$.format", "missing field" },
+        { "-/routers", "$.routers", "missing field" },
+        { "-/routers/0/systemId", "$.routers[0].systemId", "missing field" },
+        { R"(/routers/0/levels="2")", "$.routers[0].levels",
           "expected an array, found a string" },
-        { []( json& d ) { set( d, "/routers/1/colour", "red" ); }, "$.routers[1].colour",
+        { R"(/routers/1/colour="red")", "$.routers[1].colour",
           "unknown field (known: name, systemId" },
-        { []( json& d ) { set( d, "/routers/1/level s", 1 ); }, "$.routers[1]['level s']",
-          "unknown field" },
-        { []( json& d ) { set( d, "/routers/0/systemId", "0000.0000.000g" ); },
-          "$.routers[0].systemId",
+        { "/routers/1/level s=1", "$.routers[1]['level s']", "unknown field" },
+        { R"(/routers/0/systemId="0000.0000.000g")", "$.routers[0].systemId",
           "expected a system id 'xxxx.xxxx.xxxx' of 12 hex digits, found "
           "'0000.0000.000g'" },
-        { []( json& d ) { set( d, "/routers/0/systemId", "0000.0000.0000" ); },
-          "$.routers[0].systemId", "system id must not be all zero" },
-        { []( json& d ) { set( d, "/routers/2/systemId", "0000.0000.0001" ); },
-          "$.routers[2].systemId",
+        { R"(/routers/0/systemId="0000.0000.0000")", "$.routers[0].systemId",
+          "system id must not be all zero" },
+        { R"(/routers/2/systemId="0000.0000.0001")", "$.routers[2].systemId",
           "duplicate system id 0000.0000.0001 (also router 'r1')" },
-        { []( json& d ) { set( d, "/routers/2/name", "r1" ); }, "$.routers[2].name",
-          "duplicate router name 'r1'" },
-        { []( json& d ) { set( d, "/routers/2/name", "" ); }, "$.routers[2].name",
-          "router name must not be empty" },
-        { []( json& d ) { set( d, "/routers/1/levels/1", 3 ); }, "$.routers[1].levels[1]",
-          "level must be 1 or 2" },
-        { []( json& d ) {
-             set( d, "/routers/1/levels", { 2, 1, 2 } );
-         },
-          "$.routers[1].levels[2]", "duplicate level 2" },
-        { []( json& d ) { set( d, "/routers/0/levels", json::array() ); },
-          "$.routers[0].levels", "a router needs at least one level" },
-        { []( json& d ) { set( d, "/routers/0/teRouterId", "10.0.0.300" ); },
-          "$.routers[0].teRouterId", "bad address '10.0.0.300'" },
-        { []( json& d ) { set( d, "/routers/0/teRouterId", "2001:db8::1" ); },
-          "$.routers[0].teRouterId", "a TE router id is an IPv4 address" },
-        { []( json& d ) { set( d, "/links/0/level", 0 ); }, "$.links[0].level",
-          "level must be 1 or 2" },
-        { []( json& d ) { d["links"][0]["ends"].erase( 1 ); }, "$.links[0].ends",
-          "a link has exactly two ends, found 1" },
-        { []( json& d ) { set( d, "/links/0/ends/1/router", "r9" ); },
-          "$.links[0].ends[1].router", "unknown router 'r9'" },
-        { []( json& d ) { set( d, "/links/0/ends/1/router", "r3" ); },
-          "$.links[0].ends[1].router", "router 'r3' is not in level 2" },
-        { []( json& d ) {
-             set( d, "/links/0/ends/1/router", "r1" );
-             set( d, "/links/0/ends/1/interface", "Ethernet2" );
-         },
+        { R"(/routers/2/name="r1")", "$.routers[2].name", "duplicate router name 'r1'" },
+        { R"(/routers/2/name="")", "$.routers[2].name", "router name must not be empty" },
+        { "/routers/1/levels/1=3", "$.routers[1].levels[1]", "level must be 1 or 2" },
+        { "/routers/1/levels=[2, 1, 2]", "$.routers[1].levels[2]", "duplicate level 2" },
+        { "/routers/0/levels=[]", "$.routers[0].levels",
+          "a router needs at least one level" },
+        { R"(/routers/0/teRouterId="10.0.0.300")", "$.routers[0].teRouterId",
+          "bad address '10.0.0.300'" },
+        { R"(/routers/0/teRouterId="2001:db8::1")", "$.routers[0].teRouterId",
+          "a TE router id is an IPv4 address" },
+        { "/links/0/level=0", "$.links[0].level", "level must be 1 or 2" },
+        { "-/links/0/ends/1", "$.links[0].ends", "a link has exactly two ends, found 1" },
+        { R"(/links/0/ends/1/router="r9")", "$.links[0].ends[1].router",
+          "unknown router 'r9'" },
+        { R"(/links/0/ends/1/router="r3")", "$.links[0].ends[1].router",
+          "router 'r3' is not in level 2" },
+        { R"(/links/0/ends/1/router="r1"; /links/0/ends/1/interface="Ethernet2")",
           "$.links[0].ends[1].router", "both ends of a link are on router 'r1'" },
-        { []( json& d ) { set( d, "/links/0/ends/1/metric", 16777216 ); },
-          "$.links[0].ends[1].metric", metricRange },
-        { []( json& d ) { set( d, "/links/0/ends/1/teMetric", 1ull << 40 ); },
-          "$.links[0].ends[1].teMetric", metricRange },
-        { []( json& d ) { set( d, "/links/0/ends/0/metric", -1 ); },
-          "$.links[0].ends[0].metric", "expected a non-negative integer, found -1" },
-        { []( json& d ) { set( d, "/links/0/ends/0/metric", 1.5 ); },
-          "$.links[0].ends[0].metric", "expected an integer, found a number" },
-        { []( json& d ) { del( d, "/links/0/ends/0/metric" ); },
-          "$.links[0].ends[0].metric", "missing field" },
-        { []( json& d ) { set( d, "/links/0/ends/0/interface", "Eth 1" ); },
-          "$.links[0].ends[0].interface", "interface name 'Eth 1' cannot be encoded" },
-        { []( json& d ) {
-             json copy = d["links"][0];
-             copy["ends"][0]["ipv4"] = "10.1.13.0/31";
-             copy["ends"][1]["ipv4"] = "10.1.13.1/31";
-             d["links"].push_back( copy );
-         },
+        { "/links/0/ends/1/metric=16777216", "$.links[0].ends[1].metric", metricRange },
+        { "/links/0/ends/1/teMetric=1099511627776", "$.links[0].ends[1].teMetric",
+          metricRange },
+        { "/links/0/ends/0/metric=-1", "$.links[0].ends[0].metric",
+          "expected a non-negative integer, found -1" },
+        { "/links/0/ends/0/metric=1.5", "$.links[0].ends[0].metric",
+          "expected an integer, found a number" },
+        { "-/links/0/ends/0/metric", "$.links[0].ends[0].metric", "missing field" },
+        { R"(/links/0/ends/0/interface="Eth 1")", "$.links[0].ends[0].interface",
+          "interface name 'Eth 1' cannot be encoded" },
+        { R"(/links/1</links/0; /links/1/ends/0/ipv4="10.1.13.0/31"; /links/1/ends/1/ipv4="10.1.13.1/31")",
           "$.links[1].ends[0].interface",
           "interface Ethernet1 of router 'r1' is already used in level 2 at "
           "$.links[0].ends[0]" },
-        { []( json& d ) { set( d, "/links/0/ends/0/ipv4", "10.1.12.0" ); },
-          "$.links[0].ends[0].ipv4",
+        { R"(/links/0/ends/0/ipv4="10.1.12.0")", "$.links[0].ends[0].ipv4",
           "expected 'address/prefix length', found '10.1.12.0'" },
-        { []( json& d ) { set( d, "/links/0/ends/0/ipv4", "10.1.12.0/33" ); },
-          "$.links[0].ends[0].ipv4",
+        { R"(/links/0/ends/0/ipv4="10.1.12.0/33")", "$.links[0].ends[0].ipv4",
           "bad prefix length '33': IPv4 prefix lengths are 1 to 32" },
-        { []( json& d ) { set( d, "/links/0/ends/0/ipv6", "2001:db8::1/064" ); },
-          "$.links[0].ends[0].ipv6", "bad prefix length '064'" },
-        { []( json& d ) { set( d, "/links/0/ends/0/ipv4", "2001:db8::1/64" ); },
-          "$.links[0].ends[0].ipv4", "expected an IPv4 address, found '2001:db8::1/64'" },
-        { []( json& d ) { set( d, "/links/0/ends/0/ipv4", "10.1.x.0/31" ); },
-          "$.links[0].ends[0].ipv4", "bad address '10.1.x.0'" },
-        { []( json& d ) {
-             del( d, "/links/0/ends/0/ipv4" );
-             del( d, "/links/0/ends/0/ipv6" );
-         },
-          "$.links[0].ends[0]", "an interface needs an ipv4 or an ipv6 address" },
-        { []( json& d ) { del( d, "/links/0/ends/1/ipv6" ); }, "$.links[0].ends[1].ipv6",
+        { R"(/links/0/ends/0/ipv6="2001:db8::1/064")", "$.links[0].ends[0].ipv6",
+          "bad prefix length '064'" },
+        { R"(/links/0/ends/0/ipv4="2001:db8::1/64")", "$.links[0].ends[0].ipv4",
+          "expected an IPv4 address, found '2001:db8::1/64'" },
+        { R"(/links/0/ends/0/ipv4="10.1.x.0/31")", "$.links[0].ends[0].ipv4",
+          "bad address '10.1.x.0'" },
+        { "-/links/0/ends/0/ipv4; -/links/0/ends/0/ipv6", "$.links[0].ends[0]",
+          "an interface needs an ipv4 or an ipv6 address" },
+        { "-/links/0/ends/1/ipv6", "$.links[0].ends[1].ipv6",
           "missing: the other end of the link has an ipv6 address" },
-        { []( json& d ) { set( d, "/links/0/ends/1/ipv4", "10.1.12.0/31" ); },
-          "$.links[0].ends[1].ipv4", "both ends have address 10.1.12.0" },
-        { []( json& d ) { set( d, "/links/0/ends/1/neighborAddress6", "10.1.12.9" ); },
+        { R"(/links/0/ends/1/ipv4="10.1.12.0/31")", "$.links[0].ends[1].ipv4",
+          "both ends have address 10.1.12.0" },
+        { R"(/links/0/ends/1/neighborAddress6="10.1.12.9")",
           "$.links[0].ends[1].neighborAddress6",
           "expected an IPv6 address, found '10.1.12.9'" },
-        { []( json& d ) {
-             del( d, "/links/0/ends/1/ipv6" );
-             del( d, "/links/0/ends/0/ipv6" );
-             set( d, "/links/0/ends/1/neighborAddress", "2001:db8::9" );
-         },
+        { R"(-/links/0/ends/1/ipv6; -/links/0/ends/0/ipv6; /links/0/ends/1/neighborAddress="2001:db8::9")",
           "$.links[0].ends[1].neighborAddress",
           "an IPv6 neighbor address needs an ipv6 address on this end" },
-        { []( json& d ) {
-             set( d, "/links/0/ends/1/neighborAddress", "2001:db8::9" );
-             set( d, "/links/0/ends/1/neighborAddress6", "2001:db8::8" );
-         },
+        { R"(/links/0/ends/1/neighborAddress="2001:db8::9"; /links/0/ends/1/neighborAddress6="2001:db8::8")",
           "$.links[0].ends[1].neighborAddress",
           "an IPv6 neighbor address is already given by neighborAddress6" },
-        { []( json& d ) { set( d, "/links/0/ends/1/adminGroup", 1ull << 32 ); },
-          "$.links[0].ends[1].adminGroup",
+        { "/links/0/ends/1/adminGroup=4294967296", "$.links[0].ends[1].adminGroup",
           "admin groups are 32-bit, at most 4294967295" },
-        { []( json& d ) { set( d, "/links/0/ends/1/maxBandwidth", -1.0 ); },
-          "$.links[0].ends[1].maxBandwidth",
+        { "/links/0/ends/1/maxBandwidth=-1.0", "$.links[0].ends[1].maxBandwidth",
           "bandwidth must be a non-negative number of bytes per second" },
-        { []( json& d ) { set( d, "/links/0/ends/1/maxReservableBandwidth", 1e39 ); },
+        { "/links/0/ends/1/maxReservableBandwidth=1e39",
           "$.links[0].ends[1].maxReservableBandwidth",
           "bandwidth must fit a 32-bit float" },
-        { []( json& d ) {
-             set( d, "/links/0/ends/1/unreservedBandwidth", { 1, 2, 3 } );
-         },
+        { "/links/0/ends/1/unreservedBandwidth=[1, 2, 3]",
           "$.links[0].ends[1].unreservedBandwidth",
           "expected 8 values, one per priority, found 3" },
-        { []( json& d ) {
-             set( d, "/links/0/ends/1/unreservedBandwidth",
-                  { 1, 2, 3, 4, 5, 6, 7, "8" } );
-         },
+        { R"(/links/0/ends/1/unreservedBandwidth=[1, 2, 3, 4, 5, 6, 7, "8"])",
           "$.links[0].ends[1].unreservedBandwidth[7]",
           "expected a number, found a string" },
-        { []( json& d ) { set( d, "/links/0/ends/1/advertise", "no" ); },
-          "$.links[0].ends[1].advertise", "expected a boolean, found a string" },
-        { []( json& d ) { set( d, "/lans/0/members/1/neighborAddress", "10.2.0.9" ); },
+        { R"(/links/0/ends/1/advertise="no")", "$.links[0].ends[1].advertise",
+          "expected a boolean, found a string" },
+        { R"(/lans/0/members/1/neighborAddress="10.2.0.9")",
           "$.lans[0].members[1].neighborAddress", "unknown field" },
-        { []( json& d ) { set( d, "/lans/0/dr", "r9" ); }, "$.lans[0].dr",
-          "unknown router 'r9'" },
-        { []( json& d ) { set( d, "/lans/0/dr", "r1" ); }, "$.lans[0].dr",
+        { R"(/lans/0/dr="r9")", "$.lans[0].dr", "unknown router 'r9'" },
+        { R"(/lans/0/dr="r1")", "$.lans[0].dr",
           "the designated router 'r1' is not a member of this LAN" },
-        { []( json& d ) { set( d, "/lans/0/pseudonode", 0 ); }, "$.lans[0].pseudonode",
+        { "/lans/0/pseudonode=0", "$.lans[0].pseudonode",
           "pseudonode must be from 1 to 255" },
-        { []( json& d ) { set( d, "/lans/0/pseudonode", 256 ); }, "$.lans[0].pseudonode",
+        { "/lans/0/pseudonode=256", "$.lans[0].pseudonode",
           "pseudonode must be from 1 to 255" },
-        { []( json& d ) {
-             json copy = d["lans"][0];
-             copy["members"][0]["interface"] = "Ethernet3";
-             copy["members"][1]["interface"] = "Ethernet3";
-             d["lans"].push_back( copy );
-         },
+        { R"(/lans/1</lans/0; /lans/1/members/0/interface="Ethernet3"; /lans/1/members/1/interface="Ethernet3")",
           "$.lans[1].pseudonode",
           "pseudonode 1 of router 'r2' is already used in level 1 at $.lans[0]" },
-        { []( json& d ) { d["lans"][0]["members"].erase( 1 ); }, "$.lans[0].members",
-          "a LAN needs at least two members" },
-        { []( json& d ) {
-             set( d, "/lans/0/members/1/router", "r2" );
-             set( d, "/lans/0/members/1/interface", "Ethernet3" );
-         },
+        { "-/lans/0/members/1", "$.lans[0].members", "a LAN needs at least two members" },
+        { R"(/lans/0/members/1/router="r2"; /lans/0/members/1/interface="Ethernet3")",
           "$.lans[0].members[1].router", "router 'r2' is already a member of this LAN" },
-        { []( json& d ) { set( d, "/lans/0/members/1/router", "r1" ); },
-          "$.lans[0].members[1].router", "router 'r1' is not in level 1" },
+        { R"(/lans/0/members/1/router="r1")", "$.lans[0].members[1].router",
+          "router 'r1' is not in level 1" },
     };
     // The base document is valid, and a level-1 LAN may reuse a level-2
     // interface name of the same router.
@@ -219,7 +182,7 @@ TEST( TopologyFileTest, EveryProblemNamesItsJsonPath ) {
     for ( size_t i = 0; i < cases.size(); ++i ) {
         SCOPED_TRACE( "case " + std::to_string( i ) + ": " + cases[i].where );
         json d = baseDoc();
-        cases[i].change( d );
+        apply( d, cases[i].patch );
         try {
             parseTopology( d.dump(), "t.json" );
             ADD_FAILURE() << "accepted";

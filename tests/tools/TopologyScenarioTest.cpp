@@ -1,37 +1,25 @@
-// Following IS-IS through a whole VRF, on the manual clock: a VrfRoot and its
-// VrfRootSm over a fresh state tree, the IS-IS side rewriting the level
-// tables from an edited model, and a client's path requests whose results
-// are read back from its status table.
+// Following IS-IS through a whole VRF, on the manual clock (VrfScenario): the
+// IS-IS side rewrites the level tables from an edited model while a client's
+// paths are computed.
 //
 //   level 1:  r1 --E1-- r2 --E2-- r4        metrics 10
 //             r1 --E2-- r6 --E2-- r4        metrics 20
 //   level 2:  r1 --E3-- r3 --E2-- r5        metrics 10   (r1 is in both)
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <map>
-#include <memory>
-#include <string>
-#include <vector>
 
-#include "platform/Clock.h"
-#include "platform/Inotify.h"
-#include "platform/StateTree.h"
 #include "platform/Syslog.h"
-#include "platform/TaskScheduler.h"
-#include "records/Client.h"
-#include "tools/TopologyFile.h"
-#include "tools/TopologyLoad.h"
+#include "tests/support/VrfScenario.h"
 #include "topo/TopoDbSm.h"
-#include "vrf/VrfRoot.h"
-#include "vrf/VrfRootSm.h"
 
 using namespace Cspf;
 using Net::IpGenAddr;
 using Platform::create;
 using Platform::Ptr;
+using TestKit::Hops;
+using TestKit::hops;
 
 namespace {
 
@@ -67,12 +55,6 @@ const char* kTopology = R"({
   ]
 })";
 
-using Hops = std::vector<IpGenAddr>;
-
-Hops hops( std::initializer_list<const char*> texts ) {
-    return Hops( texts.begin(), texts.end() );
-}
-
 TopoFile::LinkEnd linkEnd( const char* router, const char* intf, const char* addr ) {
     TopoFile::LinkEnd end;
     end.router = router;
@@ -82,73 +64,28 @@ TopoFile::LinkEnd linkEnd( const char* router, const char* intf, const char* add
     return end;
 }
 
-class TopologyScenarioTest : public ::testing::Test {
+class TopologyScenarioTest : public TestKit::VrfScenario {
   protected:
     void SetUp() override {
-        char tmpl[] = "/dev/shm/toposcenario-XXXXXX";
-        dir_ = mkdtemp( tmpl );
-        tree_ = std::make_unique<Platform::StateTree>( dir_ );
-        manager_ = std::make_unique<Platform::EntityManager>( *tree_, inotify_, nullptr );
-        topology_ = TopoFile::parseTopology( kTopology, "scenario" );
-        TopoFile::loadIntoTree( topology_, *tree_, vrf_ );
         Syslog::sinkIs( [this]( std::string_view id, std::string_view text ) {
             if ( id == CSPF_DUPLICATE_TE_ROUTER_ID.identifier ) {
                 duplicateLogs_.emplace_back( text );
             }
         } );
-
-        create<CspfCliConfigWriter>( *tree_, nullptr, kCspfCliConfigPath )
-            ->valueIs( { 50, 200, 1000 } );
-        manager_->mount<CspfCliConfig>( kCspfCliConfigPath, Platform::MountMode::read );
-        teWriter_ = create<TrafficEngineering::ConfigWriter>(
-            *tree_, nullptr, TrafficEngineering::kConfigPath );
-        teWriter_->valueIs( { true, IpGenAddr( "10.0.0.1" ) } );
-        teConfig_ = manager_->mount<TrafficEngineering::Config>(
-            TrafficEngineering::kConfigPath, Platform::MountMode::read );
-        ipWriter_ = create<Ip::StatusWriter>( *tree_, nullptr, Ip::kStatusPath );
-        intfIs( "Ethernet1", "10.1.99.0" );  // not yet the address of the r1-r2 link
-        intfIs( "Ethernet2", "10.1.16.0" );
-        intfIs( "Ethernet3", "10.1.13.0" );
-        manager_->mount<Ip::Status>( Ip::kStatusPath, Platform::MountMode::read );
-        clientDir_ = manager_->mount<Platform::DirectoryWatch>(
-            "routing/export/topodb/client", Platform::MountMode::writeImmediate );
-
-        const auto af = Net::AddressFamily::ipv4;
-        writer_ = create<ConfigWriter>( *tree_, nullptr,
-                                        pathConfigTablePath( vrf_, af, "te1" ) );
-        config_ =
-            create<Config>( *tree_, nullptr, pathConfigTablePath( vrf_, af, "te1" ) );
-        status_ =
-            create<Status>( *tree_, nullptr, pathStatusTablePath( vrf_, af, "te1" ) );
-        results_ = create<StatusReader>( *tree_, nullptr,
-                                         pathStatusTablePath( vrf_, af, "te1" ) );
+        // Ethernet1 is not yet the address of the r1-r2 link.
+        setUp( kTopology, { { "Ethernet1", "10.1.99.0" },
+                            { "Ethernet2", "10.1.16.0" },
+                            { "Ethernet3", "10.1.13.0" } } );
     }
     void TearDown() override {
-        sm_ = nullptr;
-        root_ = nullptr;
+        VrfScenario::TearDown();
         Syslog::sinkIs( nullptr );
-        std::filesystem::remove_all( dir_ );
     }
 
-    void start() {
-        root_ = vrfRootFactory( vrf_, Net::AddressFamily::ipv4, *manager_, teConfig_,
-                                clientDir_, scheduler_ );
-        sm_ = create<VrfRootSm>( vrf_, root_ );
-    }
-    void intfIs( const char* intf, const char* addr ) {
-        Ip::IntfAddrs addrs;
-        addrs.active = { IpGenAddr( addr ), 31 };
-        ipWriter_->intfAddrsIs( Net::IntfId( intf ), addrs );
-    }
-    // The IS-IS side rewrites the level tables; the agent hears of it.
-    void publishTopology() {
-        TopoFile::loadIntoTree( topology_, *tree_, vrf_ );
-        inotify_.poll();
-    }
     TopoFile::Router& router( const std::string& name ) {
-        auto it = std::find_if( topology_.routers.begin(), topology_.routers.end(),
+        auto it = std::find_if( topology.routers.begin(), topology.routers.end(),
                                 [&]( const auto& r ) { return r.name == name; } );
-        EXPECT_NE( it, topology_.routers.end() ) << name;
+        EXPECT_NE( it, topology.routers.end() ) << name;
         return *it;
     }
     // A level 2 router with system id 0000.0000.00<n>.
@@ -158,78 +95,39 @@ class TopologyScenarioTest : public ::testing::Test {
         r.systemId = { 0, 0, 0, 0, 0, n };
         r.teRouterId = IpGenAddr( te );
         r.levels = { 2 };
-        topology_.routers.push_back( r );
+        topology.routers.push_back( r );
     }
     // A level 2 link, ahead of the file's own: a link's id is its position,
     // so removing r3's links later must not renumber the added ones (their
     // routers' records would change in the same burst).
     void linkAdd( const TopoFile::LinkEnd& a, const TopoFile::LinkEnd& b ) {
-        topology_.links.insert( topology_.links.begin() + added_++,
-                                TopoFile::Link{ 2, { a, b } } );
+        topology.links.insert( topology.links.begin() + added_++,
+                               TopoFile::Link{ 2, { a, b } } );
     }
     // The router goes, with every link it ends.
     void routerDel( const std::string& name ) {
-        std::erase_if( topology_.routers,
+        std::erase_if( topology.routers,
                        [&]( const auto& r ) { return r.name == name; } );
-        std::erase_if( topology_.links, [&]( const auto& l ) {
+        std::erase_if( topology.links, [&]( const auto& l ) {
             return l.ends[0].router == name || l.ends[1].router == name;
         } );
     }
     PathInfoKey request( const char* dst, uint32_t id, const char* exclude = "" ) {
-        const PathKey key( IpGenAddr( dst ), id );
-        writer_->pathConfigIs(
-            PathConfig( key, 1, true, PathConstraint( Net::IntfId( exclude ) ) ) );
-        config_->sync();
-        const PathInfoKey infoKey( "te1", key );
-        auto info = root_->pathConfigInfoTable()->pathConfigInfoIs( infoKey, config_ );
-        root_->pathStatusInfoTable()->pathStatusInfoIs( infoKey, status_ );
-        info->changeCountInc();
-        return infoKey;
-    }
-    PathStatus result( const PathInfoKey& key ) {
-        results_->sync();
-        return results_->pathStatus( key.pathKey() );
-    }
-    Hops resultHops( const PathInfoKey& key ) {
-        const PathStatus s = result( key );
-        return Hops( s.hops.data(), s.hops.data() + s.hops.size() );
-    }
-    Ptr<ConstraintStats> statsOf( const PathInfoKey& key ) {
-        auto info = root_->pathStatusInfoTable()->pathStatusInfo( key );
-        return root_->constraintStatsTable()->constraintStats( info->constraint().get() );
+        return VrfScenario::request( IpGenAddr( dst ), id, 1, exclude );
     }
     // The published interface-address table as a client reads it.
     Ptr<IntfIpToRouterIdReader> published() {
         if ( !published_ ) {
-            published_ = create<IntfIpToRouterIdReader>( *tree_, nullptr,
-                                                         intfIpToRouterIdPath( vrf_ ) );
+            published_ = create<IntfIpToRouterIdReader>( tree, nullptr,
+                                                         intfIpToRouterIdPath( vrf ) );
         }
         published_->sync();
         return published_;
     }
-    void advanceMs( double ms ) { clock_->advance( ms / 1000.0 ); }
 
-    Platform::ManualClockScope clock_;
-    Platform::TaskScheduler scheduler_{ nullptr, "Cspf", *clock_ };
-    Platform::Inotify inotify_{ nullptr };
-    std::string dir_;
-    std::unique_ptr<Platform::StateTree> tree_;
-    std::unique_ptr<Platform::EntityManager> manager_;
-    const L3::VrfName vrf_;
-    TopoFile::Topology topology_;
     std::vector<std::string> duplicateLogs_;
     size_t added_ = 0;
-    Ptr<TrafficEngineering::ConfigWriter> teWriter_;
-    Ptr<TrafficEngineering::Config> teConfig_;
-    Ptr<Ip::StatusWriter> ipWriter_;
-    Ptr<Platform::DirectoryWatch> clientDir_;
-    Ptr<ConfigWriter> writer_;
-    Ptr<Config> config_;
-    Ptr<Status> status_;
-    Ptr<StatusReader> results_;
     Ptr<IntfIpToRouterIdReader> published_;
-    Ptr<VrfRoot> root_;
-    Ptr<VrfRootSm> sm_;
 };
 
 }  // namespace
@@ -316,13 +214,13 @@ TEST_F( TopologyScenarioTest, LevelTwoRemovedLeavesLevelOnePathsWorking ) {
     advanceMs( 1000 );
     EXPECT_EQ( resultHops( inL1 ), hops( { "10.1.12.1", "10.1.24.1" } ) );
     EXPECT_EQ( resultHops( inL2 ), hops( { "10.1.13.1", "10.1.35.1" } ) );
-    const double before = root_->allTopoDbStatus()->topoChangedAt();
+    const double before = root->allTopoDbStatus()->topoChangedAt();
 
     routerDel( "r3" );
     routerDel( "r5" );
     router( "r1" ).levels = { 1 };
     publishTopology();
-    EXPECT_GT( root_->allTopoDbStatus()->topoChangedAt(), before );
+    EXPECT_GT( root->allTopoDbStatus()->topoChangedAt(), before );
     advanceMs( 50 );
     EXPECT_EQ( statsOf( inL1 )->cspfCount(), 2u );
     EXPECT_EQ( resultHops( inL1 ), hops( { "10.1.12.1", "10.1.24.1" } ) );
@@ -346,7 +244,7 @@ TEST_F( TopologyScenarioTest,
     const uint32_t exclRuns = statsOf( excl )->cspfCount();
 
     intfIs( "Ethernet1", "10.1.12.0" );
-    inotify_.poll();
+    inotify.poll();
     advanceMs( 1000 );
     EXPECT_EQ( statsOf( excl )->cspfCount(), exclRuns + 1 );
     EXPECT_EQ( statsOf( plain )->cspfCount(), plainRuns );
@@ -364,8 +262,8 @@ TEST_F( TopologyScenarioTest, StartUpRemovesStaleEntriesAndKeepsValidOnesAndResu
         { "10.1.13.1", "10.0.0.3" } };
     const std::vector<const char*> stale{ "10.9.9.9", "10.1.99.1" };
     {
-        auto table = create<IntfIpToRouterIdWriter>( *tree_, nullptr,
-                                                     intfIpToRouterIdPath( vrf_ ) );
+        auto table =
+            create<IntfIpToRouterIdWriter>( tree, nullptr, intfIpToRouterIdPath( vrf ) );
         for ( const auto& [ip, id] : valid ) {
             table->intfIpToRouterIdIs( IpGenAddr( ip ), IpGenAddr( id ) );
         }
@@ -381,7 +279,7 @@ TEST_F( TopologyScenarioTest, StartUpRemovesStaleEntriesAndKeepsValidOnesAndResu
     for ( const IpGenAddr& hop : hops( { "10.1.12.1", "10.1.24.1" } ) ) {
         held.hops.append( hop );
     }
-    status_->pathStatusIs( held );
+    status->pathStatusIs( held );
 
     start();
     for ( const char* ip : stale ) {

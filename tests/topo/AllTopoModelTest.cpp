@@ -1,16 +1,14 @@
 // The level-qualified model: the keys' order, equality and hash, the
-// accessors of one neighbor type, the string forms, the router id maps with
-// their per-key notifications, and the dumps.
+// accessors of one neighbor type, the string forms and the dumps.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <filesystem>
 #include <string>
 #include <vector>
 
-#include "platform/Clock.h"
 #include "platform/Error.h"
 #include "platform/StateTree.h"
+#include "tests/support/DumpText.h"
+#include "tests/support/TempDir.h"
 #include "topo/AllTopoDb.h"
 #include "topo/AllTopoDbStatus.h"
 #include "topo/AllTopoKeys.h"
@@ -35,24 +33,6 @@ NeighborKey p2p( const char* from, const char* to, uint32_t link ) {
 
 NeighborKey lan( const char* from, const char* dr, uint32_t pseudonode ) {
     return NeighborKey::toNetwork( sys( from ), NetworkId( sys( dr ), pseudonode ) );
-}
-
-template <typename F>
-std::string dumpOf( const F& dump ) {
-    int fds[2];
-    EXPECT_EQ( pipe( fds ), 0 );
-    {
-        Platform::DumpContext context( fds[1] );
-        dump( context );
-    }
-    close( fds[1] );
-    std::string out;
-    char buf[4096];
-    for ( ssize_t n; ( n = read( fds[0], buf, sizeof( buf ) ) ) > 0; ) {
-        out.append( buf, size_t( n ) );
-    }
-    close( fds[0] );
-    return out;
 }
 
 template <typename F>
@@ -154,15 +134,6 @@ TEST( AllTopoModelTest, AccessorsOfOneNeighborTypeOnly ) {
                "NeighborType 2 and teNeighborId are not compatible" );
 }
 
-TEST( AllTopoModelTest, EmptyValues ) {
-    EXPECT_TRUE( !AllTopoNeighborKey() );
-    EXPECT_TRUE( !AllTopoNetworkId() );
-    EXPECT_FALSE( !AllTopoNeighborKey( TopoId::isisL1, NeighborKey(), IpGenAddr() ) );
-    EXPECT_FALSE( !AllTopoNetworkId( TopoId::isisL1, NetworkId() ) );
-    EXPECT_TRUE( AllTopoRouter().unknown() );
-    EXPECT_FALSE( AllTopoRouter( kTe1 ).unknown() );
-}
-
 TEST( AllTopoModelTest, StringForms ) {
     AllTopoNeighborKey key( TopoId::isisL1, p2p( "0000.0000.0001", "0000.0000.0002", 3 ),
                             kTe1 );
@@ -210,71 +181,6 @@ TEST( AllTopoModelTest, StringForms ) {
                std::string::npos );
 }
 
-TEST( AllTopoModelTest, RouterIdMapNotifiesPerKey ) {
-    Platform::ManualClockScope clock;
-    AllTopoDbStatus status( nullptr );
-    std::vector<TopoId> maps;
-    auto mapSub =
-        Platform::subscribe( &status, AllTopoDbStatus::routerIdMapTag,
-                             [&]( const TopoId& id ) { maps.push_back( id ); } );
-    auto l2 = status.routerIdMapIs( TopoId::isisL2 );
-    EXPECT_EQ( status.routerIdMapIs( TopoId::isisL2 ), l2 ) << "found, not made again";
-    EXPECT_EQ( l2->topoId(), TopoId::isisL2 );
-    EXPECT_EQ( maps, std::vector<TopoId>{ TopoId::isisL2 } );
-
-    std::vector<RouterId> teChanges;
-    std::vector<IpGenAddr> igpChanges;
-    auto teSub =
-        Platform::subscribe( l2.get(), RouterIdMap::teRouterIdTag,
-                             [&]( const RouterId& id ) { teChanges.push_back( id ); } );
-    auto igpSub = Platform::subscribe(
-        l2.get(), RouterIdMap::igpRouterIdTag,
-        [&]( const IpGenAddr& addr ) { igpChanges.push_back( addr ); } );
-    const RouterId r1 = sys( "0000.0000.0001" );
-    const RouterId r2 = sys( "0000.0000.0002" );
-    l2->teRouterIdIs( r1, kTe1 );
-    l2->teRouterIdIs( r1, kTe1 );  // no change, no notification
-    l2->igpRouterIdIs( kTe1, r1 );
-    EXPECT_EQ( l2->teRouterId( r1 ), kTe1 );
-    EXPECT_EQ( l2->igpRouterId( kTe1 ), r1 );
-    EXPECT_TRUE( l2->igpRouterId( kTe2 ).empty() ) << "absent reads as the empty id";
-    EXPECT_EQ( teChanges, std::vector<RouterId>{ r1 } );
-    EXPECT_EQ( igpChanges, std::vector<IpGenAddr>{ kTe1 } );
-
-    // r2 claims the same TE router id: it is a duplicate, not a second mapping.
-    l2->teRouterIdIs( r2, kTe1 );
-    auto dup = l2->duplicateRoutersIs( kTe1 );
-    std::vector<RouterId> dupChanges;
-    auto dupSub =
-        Platform::subscribe( dup.get(), DuplicateRouters::routerTag,
-                             [&]( const RouterId& id ) { dupChanges.push_back( id ); } );
-    dup->routerIs( r2, true );
-    dup->routerIs( sys( "0000.0000.0009" ), true );
-    dup->routerDel( r2 );
-    EXPECT_EQ( dup->routers(), 1u );
-    dup->routerDelAll();
-    EXPECT_EQ( dup->routers(), 0u );
-    EXPECT_EQ( dupChanges, ( std::vector<RouterId>{ r2, sys( "0000.0000.0009" ), r2,
-                                                    sys( "0000.0000.0009" ) } ) );
-    l2->teRouterIdDel( r1 );
-    l2->igpRouterIdDel( kTe1 );
-    l2->duplicateRoutersDel( kTe1 );
-    EXPECT_FALSE( l2->duplicateRoutersHas( kTe1 ) );
-    EXPECT_EQ( teChanges, ( std::vector<RouterId>{ r1, r2, r1 } ) );
-    EXPECT_EQ( igpChanges, ( std::vector<IpGenAddr>{ kTe1, kTe1 } ) );
-
-    status.routerIdMapDel( TopoId::isisL2 );
-    EXPECT_EQ( maps, ( std::vector<TopoId>{ TopoId::isisL2, TopoId::isisL2 } ) );
-
-    int stamps = 0;
-    auto timeSub = Platform::subscribe( &status, AllTopoDbStatus::topoChangedAtTag,
-                                        [&] { ++stamps; } );
-    status.topoChangedAtIsNow();
-    status.topoChangedAtIsNow();  // same time: nothing new to react to
-    EXPECT_EQ( status.topoChangedAt(), 1000.0 );
-    EXPECT_EQ( stamps, 1 );
-}
-
 TEST( AllTopoModelTest, StatusDump ) {
     AllTopoDbStatus status( nullptr );
     status.ourTeRouterIdIs( kTe1 );
@@ -296,7 +202,7 @@ TEST( AllTopoModelTest, StatusDump ) {
         true );
 
     EXPECT_EQ(
-        dumpOf( [&]( auto& ctx ) { status.dumpState( ctx, 0 ); } ),
+        TestKit::dumpText( status ),
         "Our TE Router ID: 1.1.1.1\n"
         "Per-topology Router ID maps\n"
         "  Topology isisL1\n"
@@ -313,39 +219,24 @@ TEST( AllTopoModelTest, StatusDump ) {
         "                    >   isisL2 0000.0000.0001 -> 0000.0000.0002 link 1\n" );
 }
 
-TEST( AllTopoModelTest, AllTopoDbByLevel ) {
-    char tmpl[] = "/dev/shm/alltopotest-XXXXXX";
-    const std::string root = mkdtemp( tmpl );
-    {
-        Platform::StateTree tree( root );
-        Routing::Topology::TopoDbWriter writer( tree, nullptr, 2, L3::VrfName() );
-        Routing::Topology::Router router( sys( "0000.0000.0001" ) );
-        router.teRouterIdIs( kTe1 );
-        writer.routerIs( router );
-        auto db = Platform::create<Routing::Topology::TopoDb>( tree, nullptr, 2,
-                                                               L3::VrfName() );
-        db->sync();
-
-        AllTopoDb all;
-        std::vector<TopoId> changes;
-        auto sub =
-            Platform::subscribe( &all, AllTopoDb::topoDbTag,
-                                 [&]( const TopoId& id ) { changes.push_back( id ); } );
-        all.topoDbIs( TopoId::isisL2, db );
-        all.topoDbIs( TopoId::isisL2, db );
-        EXPECT_EQ( all.topoDb( TopoId::isisL2 ), db );
-        EXPECT_FALSE( all.topoDb( TopoId::isisL1 ) );
-        EXPECT_EQ( dumpOf( [&]( auto& ctx ) { all.dumpState( ctx, 0 ); } ),
-                   "Topology isisL2\n"
-                   "  ---Routers---\n"
-                   "   Router ID: 0000.0000.0001\n"
-                   "   TE Router ID: 1.1.1.1\n"
-                   "   Overloaded?: No\n"
-                   "  ---Networks---\n"
-                   "  ---Neighbors---\n" );
-        all.topoDbDel( TopoId::isisL2 );
-        EXPECT_EQ( all.topoDbs(), 0u );
-        EXPECT_EQ( changes, ( std::vector<TopoId>{ TopoId::isisL2, TopoId::isisL2 } ) );
-    }
-    std::filesystem::remove_all( root );
+// The dump of every level's database, in level order.
+TEST( AllTopoModelTest, AllTopoDbDump ) {
+    TestKit::TempTree tmp( "alltopotest" );
+    Routing::Topology::TopoDbWriter writer( tmp.tree, nullptr, 2, L3::VrfName() );
+    Routing::Topology::Router router( sys( "0000.0000.0001" ) );
+    router.teRouterIdIs( kTe1 );
+    writer.routerIs( router );
+    auto db = Platform::create<Routing::Topology::TopoDb>( tmp.tree, nullptr, 2,
+                                                           L3::VrfName() );
+    db->sync();
+    AllTopoDb all;
+    all.topoDbIs( TopoId::isisL2, db );
+    EXPECT_EQ( TestKit::dumpText( all ),
+               "Topology isisL2\n"
+               "  ---Routers---\n"
+               "   Router ID: 0000.0000.0001\n"
+               "   TE Router ID: 1.1.1.1\n"
+               "   Overloaded?: No\n"
+               "  ---Networks---\n"
+               "  ---Neighbors---\n" );
 }

@@ -3,10 +3,8 @@
 // requests that find a run scheduled, and the operator's waits and their
 // record. HopSelectionTest runs the reactor over topologies with paths.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <cstdio>
-#include <filesystem>
 #include <map>
 #include <string>
 #include <vector>
@@ -17,6 +15,8 @@
 #include "platform/StateTree.h"
 #include "records/IpStatus.h"
 #include "root/DedupConstraintTable.h"
+#include "tests/support/TempDir.h"
+#include "tests/support/Traces.h"
 #include "vrf/ConstraintInfoSm.h"
 
 using namespace Cspf;
@@ -29,13 +29,10 @@ namespace {
 class ConstraintInfoSmTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        char tmpl[] = "/dev/shm/constraintinfosmtest-XXXXXX";
-        root_ = mkdtemp( tmpl );
-        tree_ = std::make_unique<Platform::StateTree>( root_ );
         configWriter_ =
-            create<CspfCliConfigWriter>( *tree_, nullptr, kCspfCliConfigPath );
+            create<CspfCliConfigWriter>( tmp_.tree, nullptr, kCspfCliConfigPath );
         configWriter_->valueIs( { 50, 200, 1000 } );
-        config_ = create<CspfCliConfig>( *tree_, nullptr, kCspfCliConfigPath );
+        config_ = create<CspfCliConfig>( tmp_.tree, nullptr, kCspfCliConfigPath );
         handle_ = dedupTable_->dedup( DedupConstraintContent() );
         auto notifier = create<DedupConstraintLifeTimeNotifier>( handle_.get() );
         info_ = create<ConstraintInfo>( handle_.get(), notifier );
@@ -50,15 +47,9 @@ class ConstraintInfoSmTest : public ::testing::Test {
             info_, config_, stats_, caches_, scheduler_,
             std::make_shared<const AllTopoDbView>( create<AllTopoDb>(), status, nullptr,
                                                    nullptr, nullptr ) );
-        Mivlog::levelsIs( Mivlog::kAllLevels );
-        Mivlog::sinkIs( [this]( std::string_view line ) { traces_ += line; } );
+        traces_.clear();
     }
-    void TearDown() override {
-        Mivlog::sinkIs( nullptr );
-        Mivlog::levelsIs( Mivlog::kNoLevels );
-        sm_ = nullptr;
-        std::filesystem::remove_all( root_ );
-    }
+    void TearDown() override { sm_ = nullptr; }
 
     void advanceMs( double ms ) { clock_->advance( ms / 1000.0 ); }
     void request() { info_->cspfRequestCountInc( 1 ); }
@@ -72,20 +63,13 @@ class ConstraintInfoSmTest : public ::testing::Test {
         EXPECT_EQ( stats_->cspfCount(), runs + 1 );
         return stats_->cspfLastRanAt();
     }
-    size_t count( const std::string& text ) const {
-        size_t n = 0;
-        for ( size_t at = traces_.find( text ); at != std::string::npos;
-              at = traces_.find( text, at + 1 ) ) {
-            ++n;
-        }
-        return n;
-    }
+    size_t count( const std::string& text ) const { return traces_.count( text ); }
     std::string state() const { return sm_->throttleState(); }
 
+    TestKit::TempTree tmp_{ "constraintinfosmtest" };
+    TestKit::TraceCapture traces_;
     Platform::ManualClockScope clock_;
     Platform::TaskScheduler scheduler_{ nullptr, "Cspf", *clock_ };
-    std::string root_;
-    std::unique_ptr<Platform::StateTree> tree_;
     Ptr<CspfCliConfigWriter> configWriter_;
     Ptr<CspfCliConfig> config_;
     Ptr<DedupConstraintTable> dedupTable_ = create<DedupConstraintTable>();
@@ -95,7 +79,6 @@ class ConstraintInfoSmTest : public ::testing::Test {
     Ptr<PathStatusCacheTable> caches_ = create<PathStatusCacheTable>();
     const PathInfoKey path_{ "te1", PathKey( IpGenAddr( "9.9.9.9" ), 2 ) };
     Ptr<ConstraintInfoSm> sm_;
-    std::string traces_;
 };
 
 TEST_F( ConstraintInfoSmTest, AQuietPeriodEndsWithOneRunAfterTheInitialWait ) {
@@ -196,9 +179,8 @@ struct RawCliConfigRecord : CspfCliConfigRecord {
 };
 
 TEST( CspfCliConfigTest, NonsenseIsRefusedByTheWriterAndReadAsTheDefaults ) {
-    char tmpl[] = "/dev/shm/cspfcliconfigtest-XXXXXX";
-    const std::string root = mkdtemp( tmpl );
-    Platform::StateTree tree( root );
+    TestKit::TempTree tmp( "cspfcliconfigtest" );
+    Platform::StateTree& tree = tmp.tree;
     auto writer = create<CspfCliConfigWriter>( tree, nullptr, kCspfCliConfigPath );
     auto reader = create<CspfCliConfig>( tree, nullptr, kCspfCliConfigPath );
     const CspfCliConfigValue defaults{ 50, 200, 5000 };
@@ -240,9 +222,6 @@ TEST( CspfCliConfigTest, NonsenseIsRefusedByTheWriterAndReadAsTheDefaults ) {
     EXPECT_NE( reported.find( "initialWaitMs 100 ms is above maxWaitMs 60 ms" ),
                std::string::npos )
         << reported;
-    raw = nullptr;
-    reader = nullptr;
-    std::filesystem::remove_all( root );
 }
 
 }  // namespace

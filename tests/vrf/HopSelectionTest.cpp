@@ -3,11 +3,9 @@
 // owner, keeping an old hop or drawing among equal-cost links, and
 // topologies that cannot give hops.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <algorithm>
 #include <cstdlib>
-#include <filesystem>
 #include <iterator>
 #include <map>
 #include <memory>
@@ -17,10 +15,11 @@
 #include "cspf/CspfImpl.h"
 #include "platform/Clock.h"
 #include "platform/Error.h"
-#include "platform/Mivlog.h"
 #include "platform/StateTree.h"
 #include "records/IpStatus.h"
 #include "root/DedupConstraintTable.h"
+#include "tests/support/TempDir.h"
+#include "tests/support/Traces.h"
 #include "topo/AllTopoDbSm.h"
 #include "vrf/ConstraintInfoSm.h"
 #include "vrf/HopSelection.h"
@@ -56,10 +55,7 @@ IpGenAddr onLan( int m ) {
 class HopSelectionTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        char tmpl[] = "/dev/shm/hopselectiontest-XXXXXX";
-        root_ = mkdtemp( tmpl );
-        tree_ = std::make_unique<Platform::StateTree>( root_ );
-        writer_ = std::make_unique<TopoDbWriter>( *tree_, nullptr, 2, L3::VrfName() );
+        writer_ = std::make_unique<TopoDbWriter>( tmp_.tree, nullptr, 2, L3::VrfName() );
         link( 1, 2, 1 );
         link( 1, 3, 2 );
         link( 2, 4, 3 );
@@ -78,18 +74,11 @@ class HopSelectionTest : public ::testing::Test {
         writer_->networkIs( lan );
         router( 9 );
         allTopoDb_->topoDbIs( TopoId::isisL2,
-                              create<TopoDb>( *tree_, nullptr, 2, L3::VrfName() ) );
+                              create<TopoDb>( tmp_.tree, nullptr, 2, L3::VrfName() ) );
         allTopoDbSm_ = create<AllTopoDbSm>( allTopoDb_, status_, nullptr );
         status_->ourTeRouterIdIs( te( 1 ) );
         commit();
-        Mivlog::levelsIs( Mivlog::kAllLevels );
-        Mivlog::sinkIs( [this]( std::string_view line ) { traces_ += line; } );
-    }
-    void TearDown() override {
-        Mivlog::sinkIs( nullptr );
-        Mivlog::levelsIs( Mivlog::kNoLevels );
-        allTopoDbSm_ = nullptr;
-        std::filesystem::remove_all( root_ );
+        traces_.clear();
     }
 
     Router& router( int n ) {
@@ -140,19 +129,16 @@ class HopSelectionTest : public ::testing::Test {
         }
         return selectHops( data, tep, path.get() );
     }
-    bool traced( const std::string& text ) const {
-        return traces_.find( text ) != std::string::npos;
-    }
+    bool traced( const std::string& text ) const { return traces_.count( text ) > 0; }
 
     const NetworkId lan_{ sys( 6 ), 7 };
-    std::string root_;
-    std::unique_ptr<Platform::StateTree> tree_;
+    TestKit::TempTree tmp_{ "hopselectiontest" };
+    TestKit::TraceCapture traces_;
     std::unique_ptr<TopoDbWriter> writer_;
     std::map<int, Router> routers_;
     Ptr<AllTopoDb> allTopoDb_ = create<AllTopoDb>();
     Ptr<AllTopoDbStatus> status_ = create<AllTopoDbStatus>( nullptr );
     Ptr<AllTopoDbSm> allTopoDbSm_;
-    std::string traces_;
     const std::vector<IpGenAddr> via2_{ p2p( 1, 2 ), p2p( 3, 2 ), p2p( 5, 2 ) };
     const std::vector<IpGenAddr> via3_{ p2p( 2, 2 ), p2p( 4, 2 ), p2p( 5, 2 ) };
 };
@@ -211,7 +197,7 @@ TEST_F( HopSelectionTest, EqualCostLinksKeepTheOldHopElseDrawWithRand ) {
                              " among 2 links for " + te( 4 ).toString() + " from " +
                              drawn.toString() + " for TEP " + te( 5 ).toString() +
                              "\n" ) )
-            << traces_;
+            << traces_.all();
         EXPECT_FALSE( traced( "Retained old hop" ) );
     }
 }
@@ -241,12 +227,7 @@ TEST_F( HopSelectionTest, TheSchedulerKeepsEqualCostHopsAcrossRecomputations ) {
         }
         EXPECT_EQ( cache->path()->pathColl(), first ) << "run " << run;
     }
-    size_t retained = 0;
-    for ( size_t at = 0;
-          ( at = traces_.find( "Retained old hop ", at ) ) != std::string::npos; ++at ) {
-        ++retained;
-    }
-    EXPECT_EQ( retained, 29u );
+    EXPECT_EQ( traces_.count( "Retained old hop " ), 29u );
     EXPECT_TRUE(
         traced( "creating path with 3 hops for tep " + te( 5 ).toString() + "\n" ) );
     sm = nullptr;

@@ -1,24 +1,23 @@
 // The three reactors that turn changes into pending refreshes: a client's
 // write (PathConfigInfoSm), a topology stamp (PathRefreshSm) and a change of
-// constraint (PathStatusInfoSm), alone and wired together as the VRF wires
-// them.
+// constraint (PathStatusInfoSm). PathManagementScenarioTest runs them wired
+// together in a VRF.
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "platform/Mivlog.h"
 #include "platform/StateTree.h"
 #include "records/Client.h"
 #include "root/DedupConstraintTable.h"
+#include "tests/support/TempDir.h"
+#include "tests/support/Traces.h"
 #include "vrf/ConstraintInfoTableNotifiee.h"
 #include "vrf/PathConfigInfoSm.h"
 #include "vrf/PathRefreshSm.h"
 #include "vrf/PathStatusInfoSm.h"
-#include "vrf/PathStatusUpdateSm.h"
 
 using namespace Cspf;
 using Net::IpGenAddr;
@@ -29,26 +28,17 @@ namespace {
 class PathRefreshTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        char tmpl[] = "/dev/shm/pathrefresh-XXXXXX";
-        root_ = mkdtemp( tmpl );
-        tree_ = std::make_unique<Platform::StateTree>( root_ );
         const L3::VrfName vrf( "red" );
         const auto af = Net::AddressFamily::ipv4;
-        writer_ = Platform::create<ConfigWriter>( *tree_, nullptr,
+        writer_ = Platform::create<ConfigWriter>( tmp_.tree, nullptr,
                                                   pathConfigTablePath( vrf, af, "te1" ) );
-        auto config = Platform::create<Config>( *tree_, nullptr,
+        auto config = Platform::create<Config>( tmp_.tree, nullptr,
                                                 pathConfigTablePath( vrf, af, "te1" ) );
-        status_ = Platform::create<Status>( *tree_, nullptr,
+        status_ = Platform::create<Status>( tmp_.tree, nullptr,
                                             pathStatusTablePath( vrf, af, "te1" ) );
         constraints_->dedupTableNotifieeIs( notifiee_.get() );
         configInfo_ = Platform::create<PathConfigInfo>( key_, config );
         info_ = Platform::create<PathStatusInfo>( key_, status_ );
-    }
-    void TearDown() override {
-        Platform::Mivlog::sinkIs( nullptr );
-        Platform::Mivlog::levelsIs( Platform::Mivlog::kNoLevels );
-        status_ = nullptr;
-        std::filesystem::remove_all( root_ );
     }
     // The client writes its request and path intake counts the write.
     void write( uint32_t seq, const char* exclude ) {
@@ -67,22 +57,10 @@ class PathRefreshTest : public ::testing::Test {
         info_->refreshReasonIs( 0 );
         info_->refreshNeededIs( false );
     }
-    void captureTraces() {
-        Platform::Mivlog::levelsIs( Platform::Mivlog::kAllLevels );
-        Platform::Mivlog::sinkIs(
-            [this]( std::string_view line ) { traces_.emplace_back( line ); } );
-    }
-    bool traced( const std::string& line ) const {
-        for ( const auto& t : traces_ ) {
-            if ( t == line + "\n" ) {
-                return true;
-            }
-        }
-        return false;
-    }
+    bool traced( const std::string& line ) const { return traces_.has( line ); }
 
-    std::string root_;
-    std::unique_ptr<Platform::StateTree> tree_;
+    TestKit::TempTree tmp_{ "pathrefresh" };
+    TestKit::TraceCapture traces_;
     Ptr<ConfigWriter> writer_;
     Ptr<Status> status_;
     Ptr<ConstraintInfoTable> infos_ = Platform::create<ConstraintInfoTable>();
@@ -92,7 +70,6 @@ class PathRefreshTest : public ::testing::Test {
     const PathInfoKey key_{ "te1", PathKey( IpGenAddr( "10.0.0.1" ), 7 ) };
     Ptr<PathConfigInfo> configInfo_;
     Ptr<PathStatusInfo> info_;
-    std::vector<std::string> traces_;
 };
 
 }  // namespace
@@ -194,7 +171,7 @@ TEST_F( PathRefreshTest, PathFollowsItsConstraintIntoTheRightPathSet ) {
     // the path has no set to leave.
     const Platform::DedupHandle* gone = second.ptr();
     second = nullptr;
-    captureTraces();
+    traces_.clear();
     info_->constraintIs( nullptr );
     EXPECT_FALSE( infos_->constraintInfoHas( gone ) );
     EXPECT_TRUE(
@@ -211,52 +188,6 @@ TEST_F( PathRefreshTest, PathFollowsItsConstraintIntoTheRightPathSet ) {
         traced( "void Cspf::PathStatusInfoSm::handleDestruction(): Removing dst: "
                 "10.0.0.1 of client: te1 id: 7 from constraint: " +
                 first->pathConstraint().toString() ) );
-}
-
-TEST_F( PathRefreshTest, MovedPathIsComputedOnItsNewConstraintAndPublished ) {
-    // The per-path reactors, wired as the VRF wires them: the publisher and
-    // the refresh reactor are remade for each constraint.
-    auto cache = Platform::create<PathStatusCache>( key_ );
-    Ptr<PathStatusUpdateSm> publisher;
-    Ptr<PathRefreshSm> refresh;
-    auto rewire = Platform::subscribe( info_.get(), PathStatusInfo::constraintTag, [&] {
-        refresh = nullptr;
-        publisher = nullptr;
-        if ( auto constraintInfo = infos_->constraintInfo( info_->constraint().ptr() ) ) {
-            publisher =
-                Platform::create<PathStatusUpdateSm>( info_, cache, constraintInfo );
-            refresh = Platform::create<PathRefreshSm>( constraintInfo, info_ );
-        }
-    } );
-    auto config = Platform::create<PathConfigInfoSm>( configInfo_, info_, constraints_ );
-    auto members = Platform::create<PathStatusInfoSm>( info_, infos_ );
-    write( 1, "Ethernet1" );
-    auto first = infoOf( info_->constraint() );
-    EXPECT_EQ( first->cspfRequestCount(), 1u );
-    cache->refreshedCountInc();
-    EXPECT_EQ( status_->pathStatus( key_.pathKey() ).changeCount, 1u );
-
-    first->topoChangedAtIs( 1000.0 );  // pending on the first constraint
-    EXPECT_EQ( first->cspfRequestCount(), 2u );
-    write( 2, "Ethernet2" );
-    auto second = infoOf( info_->constraint() );
-    ASSERT_NE( second, first );
-    EXPECT_FALSE( infos_->constraintInfoHas( first->handle() ) );  // released
-    EXPECT_TRUE( second->path( key_ ) );
-    EXPECT_EQ( info_->constraintChangeCount(), 3u );
-    EXPECT_EQ( info_->refreshReason(), uint32_t( refreshReasonConfigChanged ) );
-    EXPECT_GE( second->cspfRequestCount(), 1u );
-    EXPECT_EQ( first->cspfRequestCount(), 2u );
-
-    auto path = Platform::create<PathArray>();
-    path->pathIs( HopIndex( 0 ), IpGenAddr( "10.1.0.2" ) );
-    cache->pathIs( path );
-    cache->refreshedCountInc();
-    const PathStatus result = status_->pathStatus( key_.pathKey() );
-    EXPECT_EQ( result.changeCount, 2u );
-    EXPECT_EQ( result.refreshRespSeq, 2u );
-    EXPECT_EQ( result.hops.size(), 1u );
-    EXPECT_FALSE( info_->refreshNeeded() );
 }
 
 TEST_F( PathRefreshTest, PathMissingFromItsOldSetStops ) {

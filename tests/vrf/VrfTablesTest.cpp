@@ -1,18 +1,17 @@
 // The per-VRF bookkeeping records: keys, change-only notification, hop
 // bounds, the constraint table's notifiee and the exact dump texts.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <limits>
 #include <string>
-#include <type_traits>
 #include <vector>
 
 #include "platform/Age.h"
 #include "platform/Clock.h"
 #include "platform/Error.h"
 #include "root/DedupConstraintTable.h"
+#include "tests/support/DumpText.h"
 #include "vrf/ConstraintInfoTableNotifiee.h"
 #include "vrf/PathArray.h"
 #include "vrf/PathTables.h"
@@ -31,34 +30,6 @@ std::string ptrText( const void* p ) {
     char text[32];
     std::snprintf( text, sizeof( text ), "%p", p );
     return text;
-}
-
-template <typename F>
-std::string dumpOf( F dump ) {
-    int fds[2];
-    EXPECT_EQ( pipe( fds ), 0 );
-    {
-        Platform::DumpContext context( fds[1] );
-        dump( context );
-    }
-    close( fds[1] );
-    std::string out;
-    char buf[4096];
-    for ( ssize_t n; ( n = read( fds[0], buf, sizeof( buf ) ) ) > 0; ) {
-        out.append( buf, size_t( n ) );
-    }
-    close( fds[0] );
-    return out;
-}
-
-// Counts the notifications of one tag.
-template <typename Tag>
-Platform::SubscriptionPtr counter( Platform::Notifier* n, const Tag& tag, int& count ) {
-    if constexpr ( std::is_same_v<Tag, Platform::AttrTag> ) {
-        return Platform::subscribe( n, tag, [&count] { ++count; } );
-    } else {
-        return Platform::subscribe( n, tag, [&count]( const auto& ) { ++count; } );
-    }
 }
 
 std::string literal( const std::string& text ) {
@@ -133,52 +104,6 @@ TEST( PathInfoKey, StringFormReadsBackWhateverTheNameHolds ) {
         PathInfoKey( std::string_view{ "Value('Cspf::PathInfoKey', ** {'clientName': a, "
                                        "'pathKey': nonsense})" } ),
         Platform::DeserializationError );
-}
-
-TEST( VrfTables, SettersNotifyOnlyOnRealChanges ) {
-    auto info = Platform::create<PathStatusInfo>( PathInfoKey( "c", pk( "1.1.1.1", 1 ) ),
-                                                  nullptr );
-    int reasons = 0, needed = 0, changes = 0, constraints = 0;
-    auto s1 = counter( info.get(), PathStatusInfo::refreshReasonTag, reasons );
-    auto s2 = counter( info.get(), PathStatusInfo::refreshNeededTag, needed );
-    auto s3 = counter( info.get(), PathStatusInfo::constraintChangeCountTag, changes );
-    auto s4 = counter( info.get(), PathStatusInfo::constraintTag, constraints );
-    info->refreshReasonIs( 0 );
-    info->refreshNeededIs( false );
-    info->refreshReasonIs( refreshReasonTopoChanged | refreshReasonExplicit );
-    info->refreshReasonIs( 0x5 );
-    info->refreshNeededIs( true );
-    info->refreshNeededIs( true );
-    EXPECT_EQ( reasons, 1 );
-    EXPECT_EQ( needed, 1 );
-    info->constraintChangeCountInc();
-    info->constraintChangeCountInc();
-    EXPECT_EQ( changes, 2 );
-
-    auto table = Platform::create<DedupConstraintTable>();
-    Ptr<DedupConstraint> handle = table->dedup( excluding( "Ethernet1" ) );
-    info->constraintIs( handle );
-    info->constraintIs( table->dedup( excluding( "Ethernet1" ) ) );
-    EXPECT_EQ( constraints, 1 );
-
-    auto constraint = Platform::create<ConstraintInfo>(
-        handle.ptr(), Platform::create<DedupConstraintLifeTimeNotifier>( handle.ptr() ) );
-    int topo = 0, paths = 0, requests = 0;
-    auto s5 = counter( constraint.get(), ConstraintInfo::topoChangedAtTag, topo );
-    auto s6 = counter( constraint.get(), ConstraintInfo::pathTag, paths );
-    auto s7 = counter( constraint.get(), ConstraintInfo::cspfRequestCountTag, requests );
-    constraint->topoChangedAtIs( -0.0 );
-    constraint->topoChangedAtIs( 1000.5 );
-    constraint->topoChangedAtIs( 1000.5 );
-    EXPECT_EQ( topo, 1 );
-    constraint->pathIs( info->pathInfoKey(), true );
-    constraint->pathIs( info->pathInfoKey(), true );
-    constraint->pathDel( PathInfoKey( "other", pk( "1.1.1.1", 1 ) ) );
-    EXPECT_EQ( paths, 1 );
-    constraint->cspfRequestCountInc( 1 );
-    constraint->cspfRequestCountInc( 1 );
-    EXPECT_EQ( requests, 2 );
-    EXPECT_EQ( constraint->cspfRequestCount(), 2u );
 }
 
 TEST( VrfTables, PathArrayHoldsAtMost1024HopsAndNotifiesPerIndex ) {
@@ -280,7 +205,7 @@ TEST( VrfTables, DumpsReadExactly ) {
 
     auto config = Platform::create<PathConfigInfo>( key, nullptr );
     config->changeCountInc( 3 );
-    EXPECT_EQ( dumpOf( [&]( auto& c ) { config->dumpState( c, 0 ); } ),
+    EXPECT_EQ( TestKit::dumpText( *config ),
                "PathConfigInfo " + ptrText( config.get() ) + "\nChangeCount: 3\n" );
 
     auto table = Platform::create<DedupConstraintTable>();
@@ -291,7 +216,7 @@ TEST( VrfTables, DumpsReadExactly ) {
     status->constraintChangeCountInc();
     status->refreshReasonIs( refreshReasonConfigChanged | refreshReasonExplicit );
     status->refreshNeededIs( true );
-    EXPECT_EQ( dumpOf( [&]( auto& c ) { status->dumpState( c, 2 ); } ),
+    EXPECT_EQ( TestKit::dumpText( *status, 2 ),
                "  PathStatusInfo " + ptrText( status.get() ) +
                    "\n  Constraint Handle: " + ptrText( handle.get() ) +
                    "\n  Last Refresh Req Sequence: 4\n  Constraint change count: 1\n"
@@ -303,7 +228,7 @@ TEST( VrfTables, DumpsReadExactly ) {
     hops->pathIs( HopIndex( 1 ), IpGenAddr( "10.2.0.2" ) );
     cache->pathIs( hops );
     cache->refreshedCountInc();
-    EXPECT_EQ( dumpOf( [&]( auto& c ) { cache->dumpState( c, 0 ); } ),
+    EXPECT_EQ( TestKit::dumpText( *cache ),
                "PathStatusCache " + ptrText( cache.get() ) +
                    "\nPath Refresh Count: 1 \nPath to destination: \n 10.1.0.2\n"
                    " 10.2.0.2\n" );
@@ -318,11 +243,11 @@ TEST( VrfTables, DumpsReadExactly ) {
         "    " +
         PathInfoKey( "te0", pk( "10.0.0.9", 1 ) ).toString() + "\n    " + key.toString() +
         "\n";
-    EXPECT_EQ( dumpOf( [&]( auto& c ) { info->dumpState( c, 2 ); } ),
+    EXPECT_EQ( TestKit::dumpText( *info, 2 ),
                "   CSPF request count: 2\n   Last topology change seen: never\n" + tail );
     info->topoChangedAtIs( Platform::now() );
     clock->advance( 3725.25 );
-    EXPECT_EQ( dumpOf( [&]( auto& c ) { info->dumpState( c, 2 ); } ),
+    EXPECT_EQ( TestKit::dumpText( *info, 2 ),
                "   CSPF request count: 2\n   Last topology change seen: 1:02:05.2 ago\n" +
                    tail );
 
@@ -331,7 +256,7 @@ TEST( VrfTables, DumpsReadExactly ) {
     stats->cspfCurrentDelayIs( 12.345 );
     stats->cspfCountInc();
     stats->cspfLastRanAtIs( Platform::now() - 5.2 );
-    EXPECT_EQ( dumpOf( [&]( auto& c ) { stats->dumpState( c, 0 ); } ),
+    EXPECT_EQ( TestKit::dumpText( *stats ),
                " CSPF scheduled: Yes\n CSPF current delay: 12.35 ms\n CSPF run count: 1\n"
                " CSPF last ran: 0:00:05.2 ago\n" );
 }
