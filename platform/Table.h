@@ -25,8 +25,10 @@
 // its checks goes to the table's corruption handler and reads as absent.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <set>
@@ -101,9 +103,7 @@ class TableReader : public TableReaderBase {
 
     TableReader( StateTree& tree, Inotify* inotify, std::string statePath )
         : TableReaderBase( tree, inotify, std::move( statePath ), tableLayoutOf<R>() ) {
-        for ( const auto& kv : core_.versions() ) {
-            doKeyIn( reinterpret_cast<const uint8_t*>( kv.first.data() ), false );
-        }
+        doIndexAll();
     }
 
     // The value under `k`; a default Value when absent or corrupt.
@@ -155,14 +155,39 @@ class TableReader : public TableReaderBase {
             return false;
         }
     }
-    void doKeyChanged( const uint8_t* key ) override { doKeyIn( key, true ); }
-    void doKeyIn( const uint8_t* key, bool announce ) {
-        Key k;
+    // Decodes a key from the table; false, reported, when it fails its checks.
+    bool doDecodeKey( const uint8_t* key, Key& k ) const {
         try {
             k = R::decodeKey( key );
+            return true;
         } catch ( const Error& e ) {
             doCorruption(
                 CorruptionError( statePath_, std::string( "bad key: " ) + e.what() ) );
+            return false;
+        }
+    }
+    // The keys found at attach, with the versions the scan read: decoded once,
+    // sorted, then appended in order, which builds the map in linear time and
+    // lays its nodes out in key order for the replay that follows.
+    void doIndexAll() {
+        const auto& versions = core_.versions();
+        std::vector<std::pair<Key, uint64_t>> found;
+        found.reserve( versions.size() );
+        for ( const auto& [bytes, version] : versions ) {
+            Key k;
+            if ( doDecodeKey( reinterpret_cast<const uint8_t*>( bytes.data() ), k ) ) {
+                found.emplace_back( k, version );
+            }
+        }
+        std::sort( found.begin(), found.end(),
+                   []( const auto& a, const auto& b ) { return a.first < b.first; } );
+        for ( const auto& [k, version] : found ) {
+            keys_.emplace_hint( keys_.end(), k, version );
+        }
+    }
+    void doKeyChanged( const uint8_t* key ) override {
+        Key k;
+        if ( !doDecodeKey( key, k ) ) {
             return;
         }
         const auto& versions = core_.versions();
@@ -171,12 +196,10 @@ class TableReader : public TableReaderBase {
         if ( it == versions.end() ) {
             keys_.erase( k );
         } else {
-            keys_[k] = it->second;
+            keys_.insert_or_assign( k, it->second );
         }
-        if ( announce ) {
-            notify( &recordTag, &k );
-            doAnnounced();
-        }
+        notify( &recordTag, &k );
+        doAnnounced();
     }
 
   protected:
@@ -193,6 +216,11 @@ class TableWriterBase : public Entity {
     const std::string& statePath() const { return statePath_; }
     // Rings the readers' bell now when something changed.
     void flush() { core_.flush(); }
+    // Holds the bell over a batch of changes, which a writer without an event
+    // loop would otherwise ring once per change. Holds nest; the last release
+    // rings once when something changed meanwhile.
+    void bellHold() { ++bellHolds_; }
+    void bellRelease();
     size_t fileBytes() const { return core_.fileBytes(); }
 
   protected:
@@ -209,6 +237,7 @@ class TableWriterBase : public Entity {
   private:
     std::shared_ptr<bool> alive_;  // lets a queued flush see that we are gone
     bool flushQueued_ = false;
+    uint32_t bellHolds_ = 0;
 };
 
 template <typename R>
@@ -224,11 +253,12 @@ class TableWriter : public TableWriterBase {
         : TableWriterBase( tree, loop, std::move( statePath ), tableLayoutOf<R>() ) {
         core_.forEach( [&]( const uint8_t* key, const uint8_t*, uint32_t ) {
             try {
-                keys_.insert( R::decodeKey( key ) );
+                added_.push_back( R::decodeKey( key ) );
             } catch ( const Error& ) {
                 core_.del( key );  // our own table: a bad key is dropped
             }
         } );
+        doMerge();
     }
 
     // Inserts or replaces; writes and notifies only when the value differs.
@@ -237,10 +267,18 @@ class TableWriter : public TableWriterBase {
         R::encodeKey( k, key );
         value_.clear();
         R::encodeValue( v, value_ );
+        const size_t before = core_.size();
         if ( !core_.set( key, value_.data(), static_cast<uint32_t>( value_.size() ) ) ) {
             return false;
         }
-        keys_.insert( k );
+        // One record more is a new key: it waits to be merged with others in
+        // order. Anything else (a replacement, or a rebuild that dropped a
+        // damaged record) goes in at once.
+        if ( core_.size() == before + 1 ) {
+            added_.push_back( k );
+        } else {
+            keys_.insert( k );
+        }
         doChanged();
         notify( &recordTag, &k );
         doAnnounced();
@@ -253,6 +291,7 @@ class TableWriter : public TableWriterBase {
             return false;
         }
         const Key copy = k;
+        doMerge();
         keys_.erase( copy );
         doChanged();
         notify( &recordTag, &copy );
@@ -260,12 +299,14 @@ class TableWriter : public TableWriterBase {
         return true;
     }
     void delAll() {
+        doMerge();
         for ( const Key& k : std::vector<Key>( keys_.begin(), keys_.end() ) ) {
             del( k );
         }
     }
     // Deletes every record whose key `keep` does not hold; returns how many.
     size_t delAllBut( const std::set<Key>& keep ) {
+        doMerge();
         size_t n = 0;
         for ( const Key& k : std::vector<Key>( keys_.begin(), keys_.end() ) ) {
             if ( !keep.count( k ) ) {
@@ -277,22 +318,48 @@ class TableWriter : public TableWriterBase {
     Value get( const Key& k ) const {
         uint8_t key[R::keySize];
         R::encodeKey( k, key );
-        std::vector<uint8_t> bytes;
-        if ( !core_.get( key, bytes ) ) {
+        // The writer lives on one thread: one buffer serves every read.
+        if ( !core_.get( key, read_ ) ) {
             return Value();
         }
-        return R::decodeValue( bytes.data(), bytes.size() );
+        return R::decodeValue( read_.data(), read_.size() );
     }
-    bool has( const Key& k ) const { return keys_.count( k ) != 0; }
-    size_t size() const { return keys_.size(); }
-    const std::set<Key>& keys() const { return keys_; }
+    bool has( const Key& k ) const {
+        doMerge();
+        return keys_.count( k ) != 0;
+    }
+    size_t size() const {
+        doMerge();
+        return keys_.size();
+    }
+    const std::set<Key>& keys() const {
+        doMerge();
+        return keys_;
+    }
 
   protected:
     virtual void doAnnounced() {}
 
   private:
-    std::set<Key> keys_;
+    // Inserts the new keys in key order: a burst of them (a table filled at
+    // start-up) then walks the tree once instead of once per key.
+    void doMerge() const {
+        if ( added_.empty() ) {
+            return;
+        }
+        std::sort( added_.begin(), added_.end() );
+        auto hint = keys_.begin();
+        for ( const Key& k : added_ ) {
+            hint = std::next( keys_.insert( hint, k ) );
+        }
+        added_.clear();
+    }
+
+    mutable std::set<Key> keys_;
+    // New keys not yet in keys_; every reader of keys_ merges them first.
+    mutable std::vector<Key> added_;
     std::vector<uint8_t> value_;
+    mutable std::vector<uint8_t> read_;
 };
 
 // One-record tables for configuration-like state (the TE configuration, the

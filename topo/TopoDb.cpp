@@ -10,11 +10,12 @@ namespace {
 const std::vector<uint8_t> kEmptyRouter( routerRecordSize( 0 ), 0 );
 const std::vector<uint8_t> kEmptyNetwork( networkRecordSize( 0 ), 0 );
 
-// Decodes the record into `out`: false, with `out` untouched, when it is
-// absent or fails its checks (reported as a corruption of the table).
+// Decodes the record, read through `bytes`, into `out`: false, with `out`
+// untouched, when it is absent or fails its checks (reported as a corruption
+// of the table).
 template <typename Table, typename Key, typename Decode, typename Value>
-bool readValue( const Table& table, const Key& key, Decode decode, Value& out ) {
-    std::vector<uint8_t> bytes;
+bool readValue( const Table& table, const Key& key, Decode decode, Value& out,
+                std::vector<uint8_t>& bytes ) {
     if ( !table.valueBytes( key, bytes ) ) {
         return false;
     }
@@ -78,7 +79,8 @@ TopoDb::TopoDb( Platform::StateTree& tree, Platform::Inotify* inotify, int level
 
 Router TopoDb::router( const Mpls::RouterId& id ) const {
     Router router;
-    if ( readValue( *routers_, id, decodeRouter, router ) ) {
+    std::vector<uint8_t> bytes;
+    if ( readValue( *routers_, id, decodeRouter, router, bytes ) ) {
         router.routerIdIs( id );
     }
     return router;
@@ -91,7 +93,8 @@ RouterView TopoDb::routerView( const Mpls::RouterId& id,
 
 Network TopoDb::network( const NetworkId& id ) const {
     Network network;
-    if ( readValue( *networks_, id, decodeNetwork, network ) ) {
+    std::vector<uint8_t> bytes;
+    if ( readValue( *networks_, id, decodeNetwork, network, bytes ) ) {
         network.networkIdIs( id );
     }
     return network;
@@ -103,8 +106,13 @@ NetworkView TopoDb::networkView( const NetworkId& id,
 }
 
 Neighbor TopoDb::neighbor( const NeighborKey& key ) const {
+    std::vector<uint8_t> bytes;
+    return neighbor( key, bytes );
+}
+
+Neighbor TopoDb::neighbor( const NeighborKey& key, std::vector<uint8_t>& buffer ) const {
     Neighbor neighbor;
-    if ( readValue( *neighbors_, key, decodeNeighbor, neighbor ) ) {
+    if ( readValue( *neighbors_, key, decodeNeighbor, neighbor, buffer ) ) {
         neighbor.neighborKeyIs( key );
     }
     return neighbor;

@@ -167,6 +167,9 @@ class TopoDb : public Platform::Entity {
     const std::map<NetworkId, uint64_t>& networks() const { return networks_->keys(); }
 
     Neighbor neighbor( const NeighborKey& key ) const;
+    // As above, reading the record through `buffer`, which a caller that reads
+    // many records keeps from one to the next.
+    Neighbor neighbor( const NeighborKey& key, std::vector<uint8_t>& buffer ) const;
     bool neighborHas( const NeighborKey& key ) const {
         return neighbors_->keys().count( key ) != 0;
     }

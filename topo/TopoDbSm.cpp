@@ -129,6 +129,14 @@ TopoDbSm::~TopoDbSm() {
 
 void TopoDbSm::handleInitialized() {
     routerIdMap_ = allTopoDbStatus_->routerIdMapIs( topoId_ );
+    // A map left by a predecessor may hold duplicates already; the first list
+    // in TE router id order wins, as a scan of the lists would find it.
+    listedUnder_.clear();
+    for ( const auto& [te, duplicates] : routerIdMap_->duplicateRoutersColl() ) {
+        for ( const auto& [igp, present] : duplicates->routerColl() ) {
+            listedUnder_.try_emplace( igp, te );
+        }
+    }
     watch( routerIdMap_.get(), RouterIdMap::igpRouterIdTag,
            &TopoDbSm::handleTeRouterIdChange );
     TRACE1( "TopoDb:" << topoId_ << " replaying " << topoDb_->routers().size()
@@ -337,6 +345,7 @@ void TopoDbSm::doAddDuplicateRouter( const RouterId& igpRouterId,
                   "IS-IS router %s ignored",
                   te.c_str(), igp.c_str(), other.c_str(), igp.c_str() );
     routerIdMap_->duplicateRoutersIs( teRouterId )->routerIs( igpRouterId, true );
+    listedUnder_[igpRouterId] = teRouterId;
 }
 
 void TopoDbSm::doDelDuplicateRouter( const RouterId& igpRouterId,
@@ -348,17 +357,20 @@ void TopoDbSm::doDelDuplicateRouter( const RouterId& igpRouterId,
     const Platform::Ptr<DuplicateRouters> duplicates =
         routerIdMap_->duplicateRouters( teRouterId );
     duplicates->routerDel( igpRouterId );
+    listedUnder_.erase( igpRouterId );
     if ( !duplicates->routers() ) {
         routerIdMap_->duplicateRoutersDel( teRouterId );
     }
 }
 
 IpGenAddr TopoDbSm::doFindDuplicateRouter( const RouterId& igpRouterId ) const {
-    for ( const auto& [te, duplicates] : routerIdMap_->duplicateRoutersColl() ) {
-        if ( duplicates->routerHas( igpRouterId ) ) {
-            TRACE4( "found TE router id " << te << " for IGP router id " << igpRouterId );
-            return te;
-        }
+    // Every router handled asks: a scan of all the lists would make a replay
+    // with many duplicates quadratic.
+    const auto it = listedUnder_.find( igpRouterId );
+    if ( it != listedUnder_.end() ) {
+        TRACE4( "found TE router id " << it->second << " for IGP router id "
+                                      << igpRouterId );
+        return it->second;
     }
     TRACE5( "did not find TE router id for IGP router id " << igpRouterId );
     return IpGenAddr();
@@ -405,7 +417,7 @@ void TopoDbSm::handleNeighbor( const NeighborKey& key ) {
         TRACE4( "TE router id:" << te );
         TRACE4( "IGP router ID for the added neighbor:" << igp );
         const Platform::Ptr<NeighborToIntfIp> addrs = neighborToIntfIpIs( key );
-        const Neighbor record = topoDb_->neighbor( key );
+        const Neighbor record = topoDb_->neighbor( key, neighborBuffer_ );
         const Platform::Ptr<RouterToNeighbor> listedBy = routerToNeighbor( igp );
         const bool published = listedBy && listedBy->neighborHas( key );
         unlistedAddrs_.clear();
@@ -460,6 +472,7 @@ void TopoDbSm::handleDestruction() {
     destroyed_ = true;
     unwatchAll();
     pendingRouterToHandle_.reset();
+    listedUnder_.clear();
     // Only our own map: a successor for the level may have made its own.
     if ( routerIdMap_ && allTopoDbStatus_->routerIdMap( topoId_ ) == routerIdMap_ ) {
         TRACE1( "TopoDb:" << topoId_ << " deleting its RouterIdMap" );

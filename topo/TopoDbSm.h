@@ -18,10 +18,15 @@
 // when r owns te in the RouterIdMap, routerToNeighbor( r ) lists k and
 // neighborToIntfIp( k ) records a. Adding and withdrawing therefore work from
 // what was recorded, never from a record that may have changed since.
+//
+// The level's duplicate lists are written by this reactor only, which keeps
+// their reverse (IGP router id -> the TE router id whose list holds it) so that
+// handling a router does not scan every list.
 #pragma once
 
 #include <cstdint>
 #include <optional>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/Attribute.h"
@@ -129,9 +134,12 @@ class TopoDbSm : public Platform::Reactor, public Platform::Notifier {
     // The TE router id that the pending router is to take over.
     Net::IpGenAddr pendingTeRouterId_;
     bool destroyed_ = false;
+    // IGP router id -> the TE router id whose duplicate list holds it.
+    std::unordered_map<Mpls::RouterId, Net::IpGenAddr> listedUnder_;
     // Reused by every router handled, so that reading a router's links
     // allocates nothing once warm.
     std::vector<uint8_t> routerBuffer_;
+    std::vector<uint8_t> neighborBuffer_;
     std::vector<Routing::Topology::NeighborKey> listed_;
     std::vector<Routing::Topology::NeighborKey> unlisted_;
     std::vector<Net::IpGenAddr> unlistedAddrs_;

@@ -4,6 +4,8 @@
 
 #include <cstring>
 #include <filesystem>
+#include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -46,6 +48,17 @@ class Notes : public TableReader<NoteRecord> {
   public:
     using TableReader::TableReader;
     CSPF_TABLE_READ( note, notes )
+};
+
+// The same table seen by a reader that refuses keys from a million up.
+struct CheckedNoteRecord : NoteRecord {
+    static Key decodeKey( const uint8_t* in ) {
+        const Key k = NoteRecord::decodeKey( in );
+        if ( k >= 1000000 ) {
+            throw DeserializationError( "key", "a note number is below a million" );
+        }
+        return k;
+    }
 };
 
 class TableTest : public ::testing::Test {
@@ -138,6 +151,91 @@ TEST_F( TableTest, BadRecordGoesToTheCorruptionHandlerAndReadsAbsent ) {
     ASSERT_EQ( reports.size(), 1u );
     EXPECT_NE( reports[0].find( "notes" ), std::string::npos );
     EXPECT_NE( reports[0].find( "never shouts" ), std::string::npos );
+}
+
+TEST_F( TableTest, ReaderAttachingLateIndexesWhatOneFollowingAllAlongSaw ) {
+    auto writer = create<TableWriter<NoteRecord>>( *tree_, &loop_, "many/notes" );
+    auto early = create<Notes>( *tree_, inotify_.get(), "many/notes" );
+    // Keys in scrambled order, some rewritten, some gone, and growth on the way.
+    for ( uint32_t i = 0; i < 600; ++i ) {
+        writer->set( ( i * 7919 ) % 1000, "n" + std::to_string( i ) );
+    }
+    for ( uint32_t k = 0; k < 1000; k += 3 ) {
+        writer->del( k );
+    }
+    for ( uint32_t k = 1; k < 1000; k += 10 ) {
+        writer->set( k, "again" );
+    }
+    writer->set( 1000001, "unreadable key" );
+    pump();
+
+    // The unreadable key is left out (and told on stderr: no handler yet).
+    auto late =
+        create<TableReader<CheckedNoteRecord>>( *tree_, inotify_.get(), "many/notes" );
+    std::vector<std::string> reports;
+    late->corruptionHandlerIs( [&]( const Error& e ) { reports.push_back( e.what() ); } );
+    ASSERT_EQ( early->keys().size(), writer->size() );
+    EXPECT_EQ( late->size(), writer->size() - 1 );
+    // Same keys, same versions, in key order, either way they came in.
+    std::map<uint32_t, uint64_t> expected( early->keys().begin(), early->keys().end() );
+    expected.erase( 1000001 );
+    EXPECT_EQ( late->keys(), expected );
+
+    // From there on both follow the same changes.
+    writer->set( 3, "back" );
+    writer->del( 1 );
+    writer->set( 11, "changed" );
+    writer->set( 1000001, "still unreadable" );
+    pump();
+    ASSERT_EQ( reports.size(), 1u );
+    EXPECT_NE( reports[0].find( "bad key" ), std::string::npos );
+    expected = std::map<uint32_t, uint64_t>( early->keys().begin(), early->keys().end() );
+    expected.erase( 1000001 );
+    EXPECT_EQ( late->keys(), expected );
+    EXPECT_GT( late->keys().at( 11 ), late->keys().at( 21 ) );
+}
+
+TEST_F( TableTest, WriterKeysStayExactThroughBurstsOfNewKeys ) {
+    std::set<uint32_t> model;
+    {
+        auto writer = create<TableWriter<NoteRecord>>( *tree_, nullptr, "burst/notes" );
+        // Nobody looks at the keys while a burst goes on.
+        size_t told = 0;
+        auto sub = subscribe( writer.get(), TableWriter<NoteRecord>::recordTag,
+                              [&]( const uint32_t& ) { ++told; } );
+        auto setKey = [&]( uint32_t k, const std::string& v ) {
+            model.insert( k );
+            writer->set( k, v );
+        };
+        auto delKey = [&]( uint32_t k ) {
+            model.erase( k );
+            writer->del( k );
+        };
+        for ( uint32_t i = 0; i < 300; ++i ) {
+            setKey( ( i * 37 ) % 500, "a" );
+        }
+        EXPECT_TRUE( writer->has( 37 ) );
+        EXPECT_FALSE( writer->has( 1 ) );
+        for ( uint32_t i = 300; i < 400; ++i ) {
+            setKey( ( i * 37 ) % 500, "b" );
+        }
+        delKey( ( 350 * 37 ) % 500 );  // added and deleted in the same burst
+        setKey( ( 351 * 37 ) % 500, "c" );
+        setKey( 1000, "d" );
+        EXPECT_FALSE( writer->set( 1000, "d" ) );  // unchanged: nothing to merge
+        EXPECT_EQ( writer->size(), model.size() );
+        EXPECT_EQ( writer->keys(), model );
+        EXPECT_EQ( told, 400u + 3u );
+        for ( uint32_t i = 0; i < 20; ++i ) {
+            setKey( 3000 - i, "f" );
+        }
+        EXPECT_EQ( writer->keys(), model );
+    }
+    // A writer that attaches again finds the same keys.
+    auto again = create<TableWriter<NoteRecord>>( *tree_, nullptr, "burst/notes" );
+    EXPECT_EQ( again->keys(), model );
+    again->delAll();
+    EXPECT_EQ( again->size(), 0u );
 }
 
 struct LimitRecord {

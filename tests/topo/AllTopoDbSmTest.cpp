@@ -1,13 +1,9 @@
-// The topology set reactor: one level reactor per present level, our own TE
-// router id from the configuration, and the start-up clean-up of published
-// interface addresses that no level backs any more.
+// The topology set reactor: one level reactor per present level and our own
+// TE router id from the configuration. TopologyScenarioTest covers the
+// start-up clean-up of published interface addresses.
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <unistd.h>
 
 #include <cstdio>
-#include <filesystem>
-#include <map>
 #include <memory>
 #include <string>
 
@@ -16,6 +12,8 @@
 #include "platform/StateTree.h"
 #include "platform/Syslog.h"
 #include "records/TeConfig.h"
+#include "tests/support/DumpText.h"
+#include "tests/support/TempDir.h"
 #include "topo/AllTopoDbSm.h"
 
 using namespace Cspf;
@@ -31,12 +29,9 @@ const RouterId kB = RouterId::fromSystemId( "0000.0000.0002" );
 class AllTopoDbSmTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        char tmpl[] = "/dev/shm/alltopodbsmtest-XXXXXX";
-        root_ = mkdtemp( tmpl );
-        tree_ = std::make_unique<Platform::StateTree>( root_ );
         for ( int level : { 1, 2 } ) {
             writer_[level] =
-                std::make_unique<TopoDbWriter>( *tree_, nullptr, level, L3::VrfName() );
+                std::make_unique<TopoDbWriter>( tree_, nullptr, level, L3::VrfName() );
         }
         // Level 1: A (1.1.1.1) with a link carrying 10.0.0.1; level 2: B
         // (2.2.2.2) with a link carrying 10.0.2.1.
@@ -46,17 +41,14 @@ class AllTopoDbSmTest : public ::testing::Test {
         allTopoDb_->topoDbIs( TopoId::isisL1, dbOf( 1 ) );
         allTopoDb_->topoDbIs( TopoId::isisL2, dbOf( 2 ) );
         table_ = Platform::create<IntfIpToRouterIdWriter>(
-            *tree_, nullptr, intfIpToRouterIdPath( L3::VrfName() ) );
+            tree_, nullptr, intfIpToRouterIdPath( L3::VrfName() ) );
         status_ = Platform::create<AllTopoDbStatus>( table_ );
         configWriter_ = Platform::create<TrafficEngineering::ConfigWriter>(
-            *tree_, nullptr, TrafficEngineering::kConfigPath );
+            tree_, nullptr, TrafficEngineering::kConfigPath );
         config_ = Platform::create<TrafficEngineering::Config>(
-            *tree_, nullptr, TrafficEngineering::kConfigPath );
+            tree_, nullptr, TrafficEngineering::kConfigPath );
     }
-    void TearDown() override {
-        sm_.reset();
-        std::filesystem::remove_all( root_ );
-    }
+    void TearDown() override { sm_.reset(); }
 
     void doRouterWithLink( int level, RouterId id, const char* te, RouterId far,
                            const char* addr ) {
@@ -70,7 +62,7 @@ class AllTopoDbSmTest : public ::testing::Test {
         writer_[level]->neighborIs( n );
     }
     Platform::Ptr<TopoDb> dbOf( int level ) {
-        auto db = Platform::create<TopoDb>( *tree_, nullptr, level, L3::VrfName() );
+        auto db = Platform::create<TopoDb>( tree_, nullptr, level, L3::VrfName() );
         db->sync();
         return db;
     }
@@ -80,8 +72,8 @@ class AllTopoDbSmTest : public ::testing::Test {
         config_->sync();
     }
 
-    std::string root_;
-    std::unique_ptr<Platform::StateTree> tree_;
+    TestKit::TempTree tmp_{ "alltopodbsmtest" };
+    Platform::StateTree& tree_ = tmp_.tree;
     std::unique_ptr<TopoDbWriter> writer_[3];
     Platform::Ptr<AllTopoDb> allTopoDb_;
     Platform::Ptr<IntfIpToRouterIdWriter> table_;
@@ -92,24 +84,6 @@ class AllTopoDbSmTest : public ::testing::Test {
 };
 
 }  // namespace
-
-TEST_F( AllTopoDbSmTest, StartDeletesExactlyTheEntriesNoLevelBacks ) {
-    // What a previous run of the agent left behind.
-    table_->intfIpToRouterIdIs( IpGenAddr( "10.0.0.1" ), IpGenAddr( "1.1.1.1" ) );
-    table_->intfIpToRouterIdIs( IpGenAddr( "10.0.2.1" ), IpGenAddr( "2.2.2.2" ) );
-    table_->intfIpToRouterIdIs( IpGenAddr( "10.0.0.99" ), IpGenAddr( "1.1.1.1" ) );
-    table_->intfIpToRouterIdIs( IpGenAddr( "10.0.0.7" ), IpGenAddr( "7.7.7.7" ) );
-    std::map<std::string, int> writes;
-    auto sub =
-        Platform::subscribe( table_.get(), IntfIpToRouterIdWriter::recordTag,
-                             [&]( const IpGenAddr& ip ) { ++writes[ip.toString()]; } );
-    start();
-    EXPECT_EQ( writes,
-               ( std::map<std::string, int>{ { "10.0.0.7", 1 }, { "10.0.0.99", 1 } } ) );
-    EXPECT_EQ( table_->keys(), ( std::set<IpGenAddr>{ IpGenAddr( "10.0.0.1" ),
-                                                      IpGenAddr( "10.0.2.1" ) } ) );
-    EXPECT_TRUE( status_->intfIpToNeighborTable() );
-}
 
 TEST_F( AllTopoDbSmTest, LevelsComeAndGoEachWithItsOwnReactorAndDump ) {
     Platform::ManualClockScope clock;
@@ -127,20 +101,10 @@ TEST_F( AllTopoDbSmTest, LevelsComeAndGoEachWithItsOwnReactorAndDump ) {
         status_->routerIdMap( TopoId::isisL1 )->igpRouterId( IpGenAddr( "1.1.1.1" ) ),
         kA );
     EXPECT_EQ( status_->topoChangedAt(), 1001.0 );
-    int fds[2];
-    ASSERT_EQ( pipe( fds ), 0 );
-    {
-        Platform::DumpContext context( fds[1] );
-        sm_->dumpState( context, 0 );
-    }
-    close( fds[1] );
-    char buf[8192];
-    ssize_t n = read( fds[0], buf, sizeof( buf ) );
-    close( fds[0] );
     char head[128];
     snprintf( head, sizeof( head ), "AllTopoDbSM: %p\n  topoDbs:\n    Topo DB SM: %p\n",
               static_cast<void*>( sm_.get() ), static_cast<void*>( level1.get() ) );
-    EXPECT_EQ( std::string( buf, size_t( n > 0 ? n : 0 ) ).rfind( head, 0 ), 0u );
+    EXPECT_EQ( TestKit::dumpText( *sm_ ).rfind( head, 0 ), 0u );
 
     // Another database object for a level gets a new reactor, never a re-pointed one.
     auto other = dbOf( 1 );

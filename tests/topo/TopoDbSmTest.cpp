@@ -234,6 +234,51 @@ TEST_F( TopoDbSmTest, DuplicateTeRouterIdIsLoggedIgnoredAndResurrected ) {
     EXPECT_EQ( logged.size(), 3u );
 }
 
+TEST_F( TopoDbSmTest, SetAsideRouterMovesBetweenDuplicateLists ) {
+    const RouterId kD = RouterId::fromSystemId( "0000.0000.0004" );
+    routerIs( kA, "1.1.1.1", {} );
+    routerIs( kB, "2.2.2.2", {} );
+    routerIs( kC, "1.1.1.1", {} );
+    routerIs( kD, "1.1.1.1", {} );
+    db_->sync();
+    start();
+    EXPECT_EQ( map().duplicateRouters( IpGenAddr( "1.1.1.1" ) )->routers(), 2u );
+    // C claims another taken id: off the first list, onto the second.
+    routerIs( kC, "2.2.2.2", {} );
+    db_->sync();
+    EXPECT_FALSE( map().duplicateRouters( IpGenAddr( "1.1.1.1" ) )->routerHas( kC ) );
+    EXPECT_TRUE( map().duplicateRouters( IpGenAddr( "2.2.2.2" ) )->routerHas( kC ) );
+    EXPECT_EQ( logged.back(), dupLine( "2.2.2.2", kC, kB ) );
+    // Each owner goes: the one waiting on its own list takes over.
+    writer_->routerDel( kB );
+    db_->sync();
+    EXPECT_EQ( map().igpRouterId( IpGenAddr( "2.2.2.2" ) ), kC );
+    EXPECT_FALSE( map().duplicateRoutersHas( IpGenAddr( "2.2.2.2" ) ) );
+    writer_->routerDel( kA );
+    db_->sync();
+    EXPECT_EQ( map().igpRouterId( IpGenAddr( "1.1.1.1" ) ), kD );
+    EXPECT_EQ( map().duplicateRoutersCount(), 0u );
+    // A router taken over is no duplicate: its deletion frees its id.
+    writer_->routerDel( kD );
+    db_->sync();
+    EXPECT_FALSE( map().igpRouterIdHas( IpGenAddr( "1.1.1.1" ) ) );
+    EXPECT_EQ( map().teRouterIds(), 1u );
+}
+
+TEST_F( TopoDbSmTest, ReplayTakesRoutersOffListsALeftOverMapHeld ) {
+    // A map left for the level still lists B under an id it no longer claims.
+    status_->routerIdMapIs( TopoId::isisL1 )
+        ->duplicateRoutersIs( IpGenAddr( "1.1.1.1" ) )
+        ->routerIs( kB, true );
+    routerIs( kA, "1.1.1.1", {} );
+    routerIs( kB, "2.2.2.2", {} );
+    db_->sync();
+    start();
+    EXPECT_EQ( map().duplicateRoutersCount(), 0u );
+    EXPECT_EQ( map().igpRouterId( IpGenAddr( "2.2.2.2" ) ), kB );
+    EXPECT_TRUE( logged.empty() );
+}
+
 TEST_F( TopoDbSmTest, OneBatchOfChangesLeavesTheIdMapsConsistent ) {
     routerIs( kA, "1.1.1.1", {} );
     routerIs( kB, "1.1.1.1", {} );

@@ -160,6 +160,9 @@ TEST_F( TopoDbTest, ReaderStartedFirstHearsEveryKeyOfEachCollection ) {
     EXPECT_TRUE( db->routerView( b, buffer ).overload() );
     EXPECT_EQ( db->network( NetworkId( b, 1 ) ).routerCount(), 2u );
     EXPECT_EQ( db->neighbor( NeighborKey::toRouter( a, b, 1 ) ).igpMetric(), 10u );
+    // A buffer that last held a router record reads a link as well.
+    EXPECT_EQ( db->neighbor( NeighborKey::toRouter( a, b, 1 ), buffer ),
+               db->neighbor( NeighborKey::toRouter( a, b, 1 ) ) );
     EXPECT_FALSE( db->routerHas( sys( "0000.0000.0009" ) ) );
 
     // A change and a removal are told per key; what went reads as absent.
@@ -176,6 +179,7 @@ TEST_F( TopoDbTest, ReaderStartedFirstHearsEveryKeyOfEachCollection ) {
     EXPECT_FALSE( db->routerView( b, buffer ).overload() );
     EXPECT_FALSE( db->neighborHas( NeighborKey::toRouter( a, b, 1 ) ) );
     EXPECT_EQ( db->neighbor( NeighborKey::toRouter( a, b, 1 ) ), Neighbor() );
+    EXPECT_EQ( db->neighbor( NeighborKey::toRouter( a, b, 1 ), buffer ), Neighbor() );
 }
 
 TEST_F( TopoDbTest, BadRecordIsReportedAndReadsAsAbsent ) {
