@@ -9,12 +9,17 @@ CspfData::CspfData( std::shared_ptr<const AllTopoDbView> allTopoDbView,
     : allTopoDbView_( std::move( allTopoDbView ) ), source_( source ) {}
 
 CspfLinkInfo CspfData::tent( const CspfLinkInfoKey& key ) const {
-    auto it = tent_.find( key );
-    return it == tent_.end() ? CspfLinkInfo() : it->second;
+    const CspfLinkInfo* info = tent_.find( key );
+    return info ? *info : CspfLinkInfo();
 }
 
 void CspfData::shortestPathIs( const CspfPath& path ) {
     shortestPath_.insert_or_assign( path.teRouterId(), path );
+}
+
+void CspfData::shortestPathIs( CspfPath&& path ) {
+    const Net::IpGenAddr teRouterId = path.teRouterId();
+    shortestPath_.insert_or_assign( teRouterId, std::move( path ) );
 }
 
 CspfPath CspfData::shortestPath( const Net::IpGenAddr& teRouterId ) const {
@@ -22,24 +27,23 @@ CspfPath CspfData::shortestPath( const Net::IpGenAddr& teRouterId ) const {
     return path ? *path : CspfPath();
 }
 
-CspfPath* CspfData::shortestPathFind( const Net::IpGenAddr& teRouterId ) {
-    auto it = shortestPath_.find( teRouterId );
-    return it == shortestPath_.end() ? nullptr : &it->second;
-}
-
-const CspfPath* CspfData::shortestPathFind( const Net::IpGenAddr& teRouterId ) const {
-    auto it = shortestPath_.find( teRouterId );
-    return it == shortestPath_.end() ? nullptr : &it->second;
-}
-
 uint32_t CspfData::shortestPathForNetwork( const AllTopoNetworkId& id ) const {
-    auto it = shortestPathForNetwork_.find( id );
-    return it == shortestPathForNetwork_.end() ? 0 : it->second;
+    const uint32_t* cost = shortestPathForNetwork_.find( id );
+    return cost ? *cost : 0;
 }
 
 Net::IpGenAddr CspfData::routerWithTep( const Net::IpGenAddr& tep ) const {
-    auto it = routerWithTep_.find( tep );
-    return it == routerWithTep_.end() ? Net::IpGenAddr() : it->second;
+    const Net::IpGenAddr* owner = routerWithTep_.find( tep );
+    return owner ? *owner : Net::IpGenAddr();
+}
+
+void CspfData::shrinkToFit() {
+    if ( tent_.empty() ) {
+        tent_.clear();  // which gives its room back
+    }
+    shortestPath_.shrinkToFit();
+    shortestPathForNetwork_.shrinkToFit();
+    routerWithTep_.shrinkToFit();
 }
 
 Platform::Ptr<CspfData> cspfDataFactory(

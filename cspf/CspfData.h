@@ -5,17 +5,22 @@
 // shortest-path tree (settled routers with their equal-cost last links),
 // the cost of every settled LAN and the owner of every TEP found. Nothing of
 // it survives to the next run.
+//
+// The tables are laid out for the run's hot loop: the tent is a heap with a
+// key index (CspfTent), the others flat hash maps whose members sit in one
+// vector (CspfHashMap), iterated in the order they were added.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-#include <map>
 #include <memory>
-#include <unordered_map>
+#include <vector>
 
+#include "cspf/CspfHashMap.h"
 #include "cspf/CspfLinkInfo.h"
 #include "cspf/CspfLinkInfoKey.h"
 #include "cspf/CspfPath.h"
+#include "cspf/CspfTent.h"
 #include "platform/Ptr.h"
 #include "records/IpGenAddr.h"
 #include "topo/AllTopoDbView.h"
@@ -25,12 +30,10 @@ namespace Cspf {
 
 class CspfData : public Platform::RefCounted {
   public:
-    // The tentative list: its first member is always the cheapest candidate.
-    using Tent = std::map<CspfLinkInfoKey, CspfLinkInfo>;
-    using ShortestPathMap = std::unordered_map<Net::IpGenAddr, CspfPath>;
-    using NetworkCostMap = std::unordered_map<AllTopoNetworkId, uint32_t>;
-    using TepMap = std::unordered_map<Net::IpGenAddr, bool>;
-    using RouterWithTepMap = std::unordered_map<Net::IpGenAddr, Net::IpGenAddr>;
+    using ShortestPathMap = CspfHashMap<Net::IpGenAddr, CspfPath, CspfAddrKey>;
+    using NetworkCostMap = CspfHashMap<AllTopoNetworkId, uint32_t, CspfNetworkIdKey>;
+    using TepMap = CspfHashMap<Net::IpGenAddr, bool, CspfAddrKey>;
+    using RouterWithTepMap = CspfHashMap<Net::IpGenAddr, Net::IpGenAddr, CspfAddrKey>;
 
     CspfData( std::shared_ptr<const AllTopoDbView> allTopoDbView,
               const Net::IpGenAddr& source );
@@ -41,30 +44,34 @@ class CspfData : public Platform::RefCounted {
     const Net::IpGenAddr& source() const { return source_; }
 
     // tent: the caller makes sure the key is absent before tentIs.
-    void tentIs( const CspfLinkInfo& info ) {
-        tent_.emplace( info.cspfLinkInfoKey(), info );
-    }
+    void tentIs( const CspfLinkInfo& info ) { tent_.insert( info ); }
     // Inserts unless the key is there; whether it was inserted. One search
     // where tentHas then tentIs take two.
-    bool tentAdd( const CspfLinkInfo& info ) {
-        return tent_.emplace( info.cspfLinkInfoKey(), info ).second;
-    }
+    bool tentAdd( const CspfLinkInfo& info ) { return tent_.insert( info ); }
     CspfLinkInfo tent( const CspfLinkInfoKey& key ) const;
-    bool tentHas( const CspfLinkInfoKey& key ) const { return tent_.count( key ) != 0; }
+    bool tentHas( const CspfLinkInfoKey& key ) const { return tent_.has( key ); }
     size_t tents() const { return tent_.size(); }
     void tentDel( const CspfLinkInfoKey& key ) { tent_.erase( key ); }
-    Tent::iterator tentDel( Tent::const_iterator it ) { return tent_.erase( it ); }
     void tentDelAll() { tent_.clear(); }
-    const Tent& tentColl() const { return tent_; }
+    // The cheapest member, and taking it out; the tent must not be empty.
+    const CspfLinkInfo& tentFirst() const { return tent_.first(); }
+    CspfLinkInfo tentDelFirst() { return tent_.takeFirst(); }
+    // The members in tent order (a copy).
+    std::vector<CspfLinkInfo> tentInOrder() const { return tent_.inOrder(); }
 
     // Inserts or replaces under the path's teRouterId.
     void shortestPathIs( const CspfPath& path );
+    void shortestPathIs( CspfPath&& path );
     // The empty path when absent.
     CspfPath shortestPath( const Net::IpGenAddr& teRouterId ) const;
     // The stored path itself, null when absent: lets the run add a last link
-    // without copying the path out and back.
-    CspfPath* shortestPathFind( const Net::IpGenAddr& teRouterId );
-    const CspfPath* shortestPathFind( const Net::IpGenAddr& teRouterId ) const;
+    // without copying the path out and back. Valid until a path is deleted.
+    CspfPath* shortestPathFind( const Net::IpGenAddr& teRouterId ) {
+        return shortestPath_.find( teRouterId );
+    }
+    const CspfPath* shortestPathFind( const Net::IpGenAddr& teRouterId ) const {
+        return shortestPath_.find( teRouterId );
+    }
     bool shortestPathHas( const Net::IpGenAddr& teRouterId ) const {
         return shortestPath_.count( teRouterId ) != 0;
     }
@@ -73,13 +80,18 @@ class CspfData : public Platform::RefCounted {
         shortestPath_.erase( teRouterId );
     }
     void shortestPathDelAll() { shortestPath_.clear(); }
+    // In the order the routers were settled.
     const ShortestPathMap& shortestPathColl() const { return shortestPath_; }
 
     void shortestPathForNetworkIs( const AllTopoNetworkId& id, uint32_t cost ) {
-        shortestPathForNetwork_[id] = cost;
+        shortestPathForNetwork_.insert_or_assign( id, cost );
     }
     // 0 when absent.
     uint32_t shortestPathForNetwork( const AllTopoNetworkId& id ) const;
+    // Null when absent.
+    const uint32_t* shortestPathForNetworkFind( const AllTopoNetworkId& id ) const {
+        return shortestPathForNetwork_.find( id );
+    }
     bool shortestPathForNetworkHas( const AllTopoNetworkId& id ) const {
         return shortestPathForNetwork_.count( id ) != 0;
     }
@@ -93,7 +105,9 @@ class CspfData : public Platform::RefCounted {
     }
 
     // The wanted TEPs; the value is always true.
-    void tepIs( const Net::IpGenAddr& tep, bool wanted = true ) { tep_[tep] = wanted; }
+    void tepIs( const Net::IpGenAddr& tep, bool wanted = true ) {
+        tep_.insert_or_assign( tep, wanted );
+    }
     bool tepHas( const Net::IpGenAddr& tep ) const { return tep_.count( tep ) != 0; }
     size_t teps() const { return tep_.size(); }
     void tepDel( const Net::IpGenAddr& tep ) { tep_.erase( tep ); }
@@ -103,10 +117,14 @@ class CspfData : public Platform::RefCounted {
     TepMap::const_iterator end() const { return tep_.end(); }
 
     void routerWithTepIs( const Net::IpGenAddr& tep, const Net::IpGenAddr& router ) {
-        routerWithTep_[tep] = router;
+        routerWithTep_.insert_or_assign( tep, router );
     }
     // The zero address when the TEP was not found.
     Net::IpGenAddr routerWithTep( const Net::IpGenAddr& tep ) const;
+    // Null when the TEP was not found.
+    const Net::IpGenAddr* routerWithTepFind( const Net::IpGenAddr& tep ) const {
+        return routerWithTep_.find( tep );
+    }
     bool routerWithTepHas( const Net::IpGenAddr& tep ) const {
         return routerWithTep_.count( tep ) != 0;
     }
@@ -115,10 +133,15 @@ class CspfData : public Platform::RefCounted {
     void routerWithTepDelAll() { routerWithTep_.clear(); }
     const RouterWithTepMap& routerWithTepColl() const { return routerWithTep_; }
 
+    // Gives back the room the tables grew into beyond their members: the
+    // results are kept as long as the scheduler needs them, the room never
+    // serves again.
+    void shrinkToFit();
+
   private:
     const std::shared_ptr<const AllTopoDbView> allTopoDbView_;
     const Net::IpGenAddr source_;
-    Tent tent_;
+    CspfTent tent_;
     ShortestPathMap shortestPath_;
     NetworkCostMap shortestPathForNetwork_;
     TepMap tep_;

@@ -38,22 +38,22 @@ void CspfRun::doRunCspf() {
     doAddRouterNeighborsToTent( CspfLinkInfo() );
 
     while ( data.tents() ) {
-        const CspfLinkInfo linkInfo = data.tentColl().begin()->second;
-        data.tentDel( data.tentColl().begin() );
+        const CspfLinkInfo linkInfo = data.tentDelFirst();
         const CspfLinkInfoKey& key = linkInfo.cspfLinkInfoKey();
         const AllTopoNeighborKey& allTopoNeighborKey = key.allTopoNeighborKey();
         CSPF_ASSERT( cspfData()->shortestPathHas( allTopoNeighborKey.teNeighborOf() ) );
 
         if ( networkLink( key ) ) {
             const AllTopoNetworkId network = allTopoNeighborKey.allTopoNetworkId();
-            if ( !data.shortestPathForNetworkHas( network ) ) {
+            const uint32_t* settled = data.shortestPathForNetworkFind( network );
+            if ( !settled ) {
                 TRACE7( "adding network " << network << " with cost " << linkInfo.cost()
                                           << " to shortestPathForNetwork" );
                 data.shortestPathForNetworkIs( network, linkInfo.cost() );
                 doAddNetworkRoutersToTent( linkInfo );
                 continue;
             }
-            const uint32_t shortestPathCost = data.shortestPathForNetwork( network );
+            const uint32_t shortestPathCost = *settled;
             CSPF_ASSERT( shortestPathCost <= linkInfo.cost() );
             if ( shortestPathCost == linkInfo.cost() ) {
                 TRACE7( "found another equal cost ("
@@ -96,6 +96,9 @@ void CspfRun::doRunCspf() {
             TRACE7( "router " << router << " is already in shortestPath, skipping..." );
         }
     }
+    // The tent is empty now; what it and the tables grew into serves no one
+    // after the run.
+    data.shrinkToFit();
 }
 
 void CspfRun::doSettleRouter( const CspfLinkInfo& linkInfo,
@@ -105,18 +108,16 @@ void CspfRun::doSettleRouter( const CspfLinkInfo& linkInfo,
                              << linkInfo.cspfLinkInfoKey() );
     CspfPath path( router );
     path.newLastLink( linkInfo );
-    data.shortestPathIs( path );
+    data.shortestPathIs( std::move( path ) );
     // The view answers the same within one run: the router it gave for the
     // expansion carries the TEPs too.
-    const AllTopoRouter found = doAddRouterNeighborsToTent( linkInfo );
-    for ( const Net::IpGenAddr& tep : found.tep() ) {
+    doAddRouterNeighborsToTent( linkInfo );
+    for ( const Net::IpGenAddr& tep : router_.teps ) {
         if ( !data.tepHas( tep ) ) {
             continue;
         }
-        const auto& owners = data.routerWithTepColl();
-        auto owner = owners.find( tep );
-        if ( owner != owners.end() ) {
-            TRACE7( "already found TEP " << tep << " on router " << owner->second
+        if ( const Net::IpGenAddr* owner = data.routerWithTepFind( tep ) ) {
+            TRACE7( "already found TEP " << tep << " on router " << *owner
                                          << ", ignoring the same on router " << router );
             continue;
         }
@@ -125,7 +126,7 @@ void CspfRun::doSettleRouter( const CspfLinkInfo& linkInfo,
     }
 }
 
-AllTopoRouter CspfRun::doAddRouterNeighborsToTent( const CspfLinkInfo& linkInfo ) {
+void CspfRun::doAddRouterNeighborsToTent( const CspfLinkInfo& linkInfo ) {
     CspfData& data = *cspfData_;
     const CspfLinkInfoKey& sourceNode = linkInfo.cspfLinkInfoKey();
     Net::IpGenAddr routerId;
@@ -137,11 +138,12 @@ AllTopoRouter CspfRun::doAddRouterNeighborsToTent( const CspfLinkInfo& linkInfo 
         CSPF_ASSERT( !sourceNode.routerInNetwork().isAddrZero() );
         routerId = sourceNode.routerInNetwork();
     }
-    AllTopoRouter router = data.allTopoDbView()->router( routerId );
-    for ( const AllTopoNeighborKey& neighborKey : router.neighbor() ) {
-        // The metrics of the link's record, read where it lies.
-        const AllTopoDbView::LinkMetric neighbor =
-            data.allTopoDbView()->neighborMetric( neighborKey );
+    // The links come with the metrics of their records, read by the same
+    // call that checked them.
+    data.allTopoDbView()->routerLinks( routerId, router_ );
+    for ( const AllTopoDbView::RouterLink& link : router_.links ) {
+        const AllTopoNeighborKey& neighborKey = link.key;
+        const AllTopoDbView::LinkMetric& neighbor = link.metric;
         const uint32_t metric =
             neighbor.teMetricPresent ? neighbor.teMetric : neighbor.igpMetric;
         if ( metric == 0 ) {
@@ -164,7 +166,6 @@ AllTopoRouter CspfRun::doAddRouterNeighborsToTent( const CspfLinkInfo& linkInfo 
         CSPF_ASSERT_AS( data.tentAdd( info ),
                         "!cspfData()->tentHas( linkInfo.cspfLinkInfoKey() )" );
     }
-    return router;
 }
 
 void CspfRun::doAddNetworkRoutersToTent( const CspfLinkInfo& linkInfo ) {

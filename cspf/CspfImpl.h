@@ -3,7 +3,7 @@
 // report).
 //
 // A Dijkstra search from CspfData::source over the topology view, whose
-// priority queue is the data's ordered tent. Three twists: LANs are nodes of
+// priority queue is the data's tent. Three twists: LANs are nodes of
 // their own, entered at the cost of the link into them and left at no cost;
 // every router keeps all of its equal-cost last links; and a LAN reached
 // again at equal cost through another router is expanded again, so that the
@@ -20,7 +20,7 @@
 #include "cspf/CspfData.h"
 #include "cspf/CspfLinkInfo.h"
 #include "platform/Ptr.h"
-#include "topo/AllTopoViews.h"
+#include "topo/AllTopoDbView.h"
 
 namespace Cspf {
 
@@ -38,15 +38,19 @@ class CspfRun : public Platform::RefCounted {
   private:
     void doRunCspf();
     // Puts the links of the router that `linkInfo` reaches (the source for
-    // the empty info) into the tent; returns that router as the view gave
-    // it, so that its TEPs need not be asked for again.
-    AllTopoRouter doAddRouterNeighborsToTent( const CspfLinkInfo& linkInfo );
+    // the empty info) into the tent. That router, as the view gave it, stays
+    // in router_ until the next call, so that its TEPs need not be asked for
+    // again.
+    void doAddRouterNeighborsToTent( const CspfLinkInfo& linkInfo );
     void doAddNetworkRoutersToTent( const CspfLinkInfo& linkInfo );
     void doTraceAddNeighbor( std::string_view callerName, const CspfLinkInfo& linkInfo,
                              uint32_t metric ) const;
     void doSettleRouter( const CspfLinkInfo& linkInfo, const Net::IpGenAddr& router );
 
     const Platform::Ptr<CspfData> cspfData_;
+    // Scratch space for the view's answers, reused from router to router so
+    // that expanding one allocates nothing.
+    AllTopoDbView::RouterLinks router_;
 };
 
 Platform::Ptr<CspfRun> cspfRunFactory( Platform::Ptr<CspfData> cspfData );

@@ -5,7 +5,7 @@
 //
 // Accessors follow the collection convention: lastLink( key ) a member (the
 // empty info when absent), lastLinks() the count, lastLinkColl() or
-// begin()/end() for iteration in hash order.
+// begin()/end() for iteration in the order the links came.
 #pragma once
 
 #include <cstddef>
@@ -23,8 +23,9 @@ namespace Cspf {
 class CspfPath {
   public:
     // Usually one member, rarely a handful: a flat map in the order the
-    // links arrived.
-    using LastLinkMap = Platform::FlatMap<CspfLinkInfoKey, CspfLinkInfo>;
+    // links arrived, whose first member lives in the path itself (a run
+    // settles every router of the topology; one allocation each would add up).
+    using LastLinkMap = Platform::FlatMap<CspfLinkInfoKey, CspfLinkInfo, 1>;
 
     // The empty path: zero teRouterId, no last links.
     CspfPath() = default;

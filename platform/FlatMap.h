@@ -1,33 +1,47 @@
-// Platform::FlatMap: a map kept as a vector of pairs in insertion order.
+// Platform::FlatMap: a map kept as an array of pairs in insertion order.
 //
 // The map counterpart of FlatSet, for the small maps a computation builds by
-// the thousand (a settled router's equal-cost last links): no allocation per
-// member, no hashing, a deterministic iteration order. Lookup is a linear
-// search.
+// the thousand (a settled router's equal-cost last links): no hashing, a
+// deterministic iteration order, and with `Inline` > 0 no allocation at all
+// until a member more than `Inline` comes (then all of them move to the
+// heap). Lookup is a linear search. Inline members need K and V to be
+// default-constructible.
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
+#include <cstdint>
 #include <utility>
 #include <vector>
 
 namespace Platform {
 
-template <typename K, typename V>
+template <typename K, typename V, size_t Inline = 0>
 class FlatMap {
   public:
     using value_type = std::pair<K, V>;
-    using iterator = typename std::vector<value_type>::iterator;
-    using const_iterator = typename std::vector<value_type>::const_iterator;
+    using iterator = value_type*;
+    using const_iterator = const value_type*;
 
     // Inserts unless `k` is present: the member and whether it was added.
     std::pair<iterator, bool> emplace( const K& k, const V& v ) {
-        auto it = find( k );
-        if ( it != items_.end() ) {
+        iterator it = find( k );
+        if ( it != end() ) {
             return { it, false };
         }
-        items_.emplace_back( k, v );
-        return { items_.end() - 1, true };
+        if ( !spilled_ && size_ < Inline ) {
+            inline_[size_] = value_type( k, v );
+        } else {
+            if ( !spilled_ ) {
+                heap_.reserve( Inline + 1 );
+                heap_.assign( inline_.begin(), inline_.begin() + size_ );
+                spilled_ = true;
+            }
+            heap_.emplace_back( k, v );
+        }
+        ++size_;
+        return { end() - 1, true };
     }
     void insert_or_assign( const K& k, const V& v ) {
         auto [it, added] = emplace( k, v );
@@ -36,34 +50,44 @@ class FlatMap {
         }
     }
     iterator find( const K& k ) {
-        return std::find_if( items_.begin(), items_.end(),
+        return std::find_if( begin(), end(),
                              [&]( const value_type& m ) { return m.first == k; } );
     }
     const_iterator find( const K& k ) const {
-        return std::find_if( items_.begin(), items_.end(),
+        return std::find_if( begin(), end(),
                              [&]( const value_type& m ) { return m.first == k; } );
     }
-    size_t count( const K& k ) const { return find( k ) != items_.end() ? 1 : 0; }
+    size_t count( const K& k ) const { return find( k ) != end() ? 1 : 0; }
     size_t erase( const K& k ) {
-        auto it = find( k );
-        if ( it == items_.end() ) {
+        iterator it = find( k );
+        if ( it == end() ) {
             return 0;
         }
-        items_.erase( it );
+        std::move( it + 1, end(), it );
+        --size_;
+        if ( spilled_ ) {
+            heap_.pop_back();
+        }
         return 1;
     }
-    void clear() { items_.clear(); }
-    size_t size() const { return items_.size(); }
-    bool empty() const { return items_.empty(); }
-    const_iterator begin() const { return items_.begin(); }
-    const_iterator end() const { return items_.end(); }
+    void clear() {
+        heap_.clear();
+        spilled_ = false;
+        size_ = 0;
+    }
+    size_t size() const { return size_; }
+    bool empty() const { return size_ == 0; }
+    iterator begin() { return spilled_ ? heap_.data() : inline_.data(); }
+    iterator end() { return begin() + size_; }
+    const_iterator begin() const { return spilled_ ? heap_.data() : inline_.data(); }
+    const_iterator end() const { return begin() + size_; }
 
     // Equal members, whatever their order.
     bool operator==( const FlatMap& other ) const {
-        if ( items_.size() != other.items_.size() ) {
+        if ( size_ != other.size_ ) {
             return false;
         }
-        for ( const value_type& m : items_ ) {
+        for ( const value_type& m : *this ) {
             auto it = other.find( m.first );
             if ( it == other.end() || !( it->second == m.second ) ) {
                 return false;
@@ -73,7 +97,12 @@ class FlatMap {
     }
 
   private:
-    std::vector<value_type> items_;
+    // The count first, beside the first inline member: a reader of one small
+    // map touches as few cache lines as it can.
+    uint32_t size_ = 0;
+    bool spilled_ = false;
+    std::array<value_type, Inline> inline_{};
+    std::vector<value_type> heap_;
 };
 
 }  // namespace Platform

@@ -130,8 +130,26 @@ uint64_t keyHash( const void* key, uint32_t len ) {
         h = ( h ^ w ) * 0xff51afd7ed558ccdull;
         h ^= h >> 32;
     }
+    // The last 0..7 bytes as a little-endian word, in fixed-size pieces
+    // rather than one copy of variable length.
     uint64_t tail = 0;
-    std::memcpy( &tail, p + i, len - i );
+    const uint32_t rest = len - i;
+    uint32_t at = 0;
+    if ( rest >= 4 ) {
+        uint32_t w;
+        std::memcpy( &w, p + i, 4 );
+        tail = w;
+        at = 4;
+    }
+    if ( rest - at >= 2 ) {
+        uint16_t w;
+        std::memcpy( &w, p + i + at, 2 );
+        tail |= uint64_t{ w } << ( at * 8 );
+        at += 2;
+    }
+    if ( rest > at ) {
+        tail |= uint64_t{ p[i + at] } << ( at * 8 );
+    }
     h = ( h ^ tail ) * 0xc4ceb9fe1a85ec53ull;
     h ^= h >> 29;
     h *= 0xff51afd7ed558ccdull;
@@ -289,6 +307,38 @@ std::string slotProblem( SlotRead r, uint32_t i ) {
     return "record in slot " + std::to_string( i ) +
            ( r == SlotRead::halfWritten ? " was left half-written by its writer"
                                         : " fails its bounds" );
+}
+
+// Whether a slot's key bytes are `key`'s, a word at a time: keys are short,
+// and a library call costs more than the compare.
+bool sameKey( const uint8_t* slotKey, const void* key, uint32_t len ) {
+    const auto* k = static_cast<const uint8_t*>( key );
+    uint32_t i = 0;
+    for ( ; i + 8 <= len; i += 8 ) {
+        uint64_t a;
+        uint64_t b;
+        std::memcpy( &a, slotKey + i, 8 );
+        std::memcpy( &b, k + i, 8 );
+        if ( a != b ) {
+            return false;
+        }
+    }
+    if ( i + 4 <= len ) {
+        uint32_t a;
+        uint32_t b;
+        std::memcpy( &a, slotKey + i, 4 );
+        std::memcpy( &b, k + i, 4 );
+        if ( a != b ) {
+            return false;
+        }
+        i += 4;
+    }
+    for ( ; i < len; ++i ) {
+        if ( slotKey[i] != k[i] ) {
+            return false;
+        }
+    }
+    return true;
 }
 
 // Finds the slot of `key`; -1 when absent. Throws CorruptionError when the
@@ -1019,6 +1069,70 @@ bool ShmTableReader::has( const void* key ) const {
 }
 
 bool ShmTableReader::find( const void* key, RecordRef& ref ) const {
+    if ( !file_.isOpen() ) {
+        return false;
+    }
+    // The common case, a probe over quiet slots, read under each slot's
+    // seqlock word without the general reader's copies. Anything unusual (a
+    // slot being written, a bad state, a record out of bounds) starts the
+    // lookup over on the general path, which waits, reports or throws.
+    const TableGeometry& g = file_.geometry();
+    const uint64_t hash = keyHash( key, g.keySize );
+    const uint32_t mask = g.indexCapacity - 1;
+    {
+        // A probe walks a run of neighbouring slots (the writer lets the
+        // index fill to 7/8): ask for the first few at once, so that their
+        // cache misses overlap rather than follow one another.
+        constexpr uint32_t kAhead = 4;
+        const uint32_t home = static_cast<uint32_t>( hash & mask );
+        const uint64_t bytes =
+            uint64_t{ std::min( kAhead, g.indexCapacity - home ) } * g.slotSize;
+        const uint8_t* first = slotAt( file_, home );
+        for ( uint64_t at = 0; at < bytes; at += 64 ) {
+            __builtin_prefetch( first + at );
+        }
+    }
+    for ( uint32_t n = 0; n < g.indexCapacity; ++n ) {
+        const uint32_t i = static_cast<uint32_t>( ( hash + n ) & mask );
+        const uint8_t* slot = slotAt( file_, i );
+        const SlotHead* head = reinterpret_cast<const SlotHead*>( slot );
+        for ( ;; ) {
+            const uint64_t s1 = atomic64( head->seq ).load( std::memory_order_acquire );
+            if ( s1 & 1 ) {
+                return doFindSlowly( key, ref );
+            }
+            SlotHead found;
+            std::memcpy( &found, slot, sizeof( found ) );
+            const bool matches = found.state == kLive && found.hash == hash &&
+                                 sameKey( slot + sizeof( SlotHead ), key, g.keySize );
+            std::atomic_thread_fence( std::memory_order_acquire );
+            if ( atomic64( head->seq ).load( std::memory_order_relaxed ) != s1 ) {
+                continue;  // written meanwhile: read the slot again
+            }
+            if ( found.state > kTombstone ) {
+                return doFindSlowly( key, ref );
+            }
+            if ( found.state == kEmpty ) {
+                return false;
+            }
+            if ( !matches ) {
+                break;
+            }
+            const uint64_t at = valueAt( g, i, found );
+            if ( !valueInBounds( g, at, found.valueLen ) ) {
+                return doFindSlowly( key, ref );
+            }
+            ref.len = found.valueLen;
+            ref.bytes = file_.base() + at;
+            ref.slot = i;
+            ref.seq = s1;
+            return true;
+        }
+    }
+    return false;
+}
+
+bool ShmTableReader::doFindSlowly( const void* key, RecordRef& ref ) const {
     SlotSnap snap;
     const int64_t slot =
         file_.isOpen() ? findSlot( file_, key, nullptr, nullptr, &snap ) : -1;

@@ -198,6 +198,8 @@ class ShmTableReader {
 
   private:
     bool doOpen();
+    // find() on the general path: waits for busy slots, reports bad ones.
+    bool doFindSlowly( const void* key, RecordRef& ref ) const;
     void doResync( const TableChangeFn& changed );
     void doCheckKey( const std::string& key, const TableChangeFn& changed );
     // The key's version (0 when absent) and its slot (-1 when absent).

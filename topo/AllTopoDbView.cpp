@@ -1,8 +1,11 @@
 #include "topo/AllTopoDbView.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <string>
+#include <string_view>
+#include <type_traits>
 
 #include "platform/Assert.h"
 #include "platform/Error.h"
@@ -31,6 +34,46 @@ struct TornRead {};
 // Enough for any writer that is not broken; one that rewrites a record
 // faster than it can be read is one.
 constexpr int kMaxAttempts = 1000;
+
+// The lines doRouterCall writes keep the name they have always been written
+// under, which logs are searched by, whatever its signature now.
+constexpr const char* kRouterCallName =
+    "Cspf::AllTopoRouter Cspf::AllTopoDbView::doRouterCall(const Net::IpGenAddr&) const";
+
+// Net::IpGenAddr::fromRecord, with the common case checked here: a family
+// word of 0, 1 or 2 and zero in the bytes the family leaves unused make the
+// record the address itself (its own record). Anything else goes to
+// fromRecord, which names the fault.
+Net::IpGenAddr addrFromRecord( const uint8_t* record, std::string_view attribute ) {
+    uint32_t af;
+    uint32_t mid;
+    uint64_t tail;
+    std::memcpy( &af, record, sizeof( af ) );
+    std::memcpy( &mid, record + 8, sizeof( mid ) );
+    std::memcpy( &tail, record + 12, sizeof( tail ) );
+    uint32_t head;
+    std::memcpy( &head, record + 4, sizeof( head ) );
+    const bool sound = af == 2 || ( af == 1 && ( mid | tail ) == 0 ) ||
+                       ( af == 0 && ( head | mid | tail ) == 0 );
+    if ( !sound ) {
+        return Net::IpGenAddr::fromRecord( record, attribute );
+    }
+    Net::IpGenAddr addr;
+    static_assert( sizeof( addr ) == 20 && std::is_trivially_copyable_v<Net::IpGenAddr> );
+    std::memcpy( static_cast<void*>( &addr ), record, sizeof( addr ) );
+    return addr;
+}
+
+// Asks for the cache lines of a record that are read next, so that their
+// misses overlap rather than follow one another: records lie in shared
+// memory well beyond the caches.
+void prefetchLines( const Platform::RecordRef& ref, size_t from, size_t to ) {
+    constexpr size_t kLine = 64;
+    to = std::min<size_t>( to, ref.len );
+    for ( size_t at = from; at < to; at += kLine ) {
+        __builtin_prefetch( ref.bytes + at );
+    }
+}
 
 }  // namespace
 
@@ -122,6 +165,8 @@ bool AllTopoDbView::doRouter( const TopoDb& db, const Mpls::RouterId& id,
     if ( !doFind( db.routerTable(), db.routerTable().find( id, ref ), ref ) ) {
         return false;
     }
+    // The neighbor keys follow the header: scanned next.
+    prefetchLines( ref, 64, 64 * 8 );
     try {
         *view = RouterView( ref.bytes, ref.len );
     } catch ( const Platform::Error& e ) {
@@ -196,6 +241,12 @@ bool AllTopoDbView::doLinkAddrs( const TopoDb& db, const NeighborKey& key,
         return false;
     }
     using Routing::Topology::NeighborValue;
+    // The neighbor addresses and the metrics lie far from the interface
+    // addresses: ask for them together.
+    prefetchLines( ref, offsetof( NeighborValue, neighborAddrCount ),
+                   offsetof( NeighborValue, neighborAddrs ) + 2 * LinkAddrs::kAddrSize );
+    prefetchLines( ref, offsetof( NeighborValue, igpMetric ),
+                   offsetof( NeighborValue, igpMetric ) + 1 );
     uint32_t interfaceCount = 0;
     uint32_t neighborCount = 0;
     if ( ref.len == sizeof( NeighborValue ) ) {
@@ -229,22 +280,60 @@ const TopoDb* AllTopoDbView::doTopoDb( TopoId topoId ) const {
     return db ? db->get() : nullptr;
 }
 
+const RouterIdMap* AllTopoDbView::doRouterIdMap( TopoId topoId ) const {
+    const auto* map = allTopoDbStatus_->routerIdMapColl().find( topoId );
+    return map ? map->get() : nullptr;
+}
+
 // ---- routers
 
 AllTopoRouter AllTopoDbView::router( const Net::IpGenAddr& teRouterId ) const {
-    return doStable( [&] { return doRouterCall( teRouterId ); } );
+    RouterLinks found;
+    doStable( [&] {
+        doRouterCall( teRouterId, found, false );
+        return true;
+    } );
+    AllTopoRouter result( found.teRouterId );
+    for ( const RouterLink& link : found.links ) {
+        result.neighborIs( link.key );
+    }
+    for ( const Net::IpGenAddr& tep : found.teps ) {
+        result.tepIs( tep );
+    }
+    return result;
 }
 
-AllTopoRouter AllTopoDbView::doRouterCall( const Net::IpGenAddr& teRouterId ) const {
-    AllTopoRouter result( teRouterId );
+void AllTopoDbView::routerLinks( const Net::IpGenAddr& teRouterId,
+                                 RouterLinks& out ) const {
+    doStable( [&] {
+        doRouterCall( teRouterId, out, true );
+        return true;
+    } );
+}
+
+void AllTopoDbView::doRouterCall( const Net::IpGenAddr& teRouterId, RouterLinks& out,
+                                  bool metrics ) const {
+    // Sets, in the order their members came: a router record may list a key
+    // twice, and several links may carry one address.
+    out.teRouterId = Net::IpGenAddr();
+    out.links.clear();
+    out.teps.clear();
+    auto tepIs = [&]( const Net::IpGenAddr& tep ) {
+        for ( const Net::IpGenAddr& known : out.teps ) {
+            // Equal addresses are equal bytes.
+            if ( std::memcmp( &known, &tep, sizeof( tep ) ) == 0 ) {
+                return;
+            }
+        }
+        out.teps.push_back( tep );
+    };
     bool found = false;
     const Net::IpGenAddr& ourTeRouterId = allTopoDbStatus_->ourTeRouterId();
     const bool ourselves = teRouterId == ourTeRouterId;
     const bool constrained = ourselves && constraint_ &&
                              !( constraint_->pathConstraint() == PathConstraint() );
     for ( const auto& [level, topoDb] : allTopoDb_->topoDbColl() ) {
-        const Platform::Ptr<RouterIdMap> routerIdMap =
-            allTopoDbStatus_->routerIdMap( level );
+        const RouterIdMap* routerIdMap = doRouterIdMap( level );
         if ( !routerIdMap ) {
             continue;
         }
@@ -269,10 +358,16 @@ AllTopoRouter AllTopoDbView::doRouterCall( const Net::IpGenAddr& teRouterId ) co
             } catch ( const Platform::Error& e ) {
                 doBadRecord( topoDb->routerTable(), reads_[routerRead].ref, e );
             }
+            // Looked up first, though needed last: the id map's misses then
+            // overlap those of the link record.
+            const Net::IpGenAddr* far =
+                k.isRouter() ? routerIdMap->teRouterIdColl().find( k.neighborRouterId() )
+                             : nullptr;
             LinkAddrs link;
             if ( !doLinkAddrs( *topoDb, k, &link ) ) {
-                TRACE7( "Neighbor object missing, skipping NeighborKey "
-                        << k << " in topoId " << level );
+                TRACE_FOR( 7, kRouterCallName,
+                           "Neighbor object missing, skipping NeighborKey "
+                               << k << " in topoId " << level );
                 continue;
             }
             const size_t linkRead = reads_.size() - 1;
@@ -283,12 +378,8 @@ AllTopoRouter AllTopoDbView::doRouterCall( const Net::IpGenAddr& teRouterId ) co
                 }
             }
             AllTopoNeighborKey key( level, k, teRouterId );
-            if ( k.isRouter() ) {
-                const Net::IpGenAddr* far =
-                    routerIdMap->teRouterIdColl().find( k.neighborRouterId() );
-                if ( far ) {
-                    key.teNeighborIdIs( *far );
-                }
+            if ( far ) {
+                key.teNeighborIdIs( *far );
             }
             // This router lists the key: the checks need only the far side.
             if ( k.isNetwork() ? !doTwoWayCheckLan( key, topoDb.get(), true )
@@ -297,8 +388,8 @@ AllTopoRouter AllTopoDbView::doRouterCall( const Net::IpGenAddr& teRouterId ) co
             }
             for ( uint32_t a = 0; a < link.interfaceCount; ++a ) {
                 try {
-                    result.tepIs( Net::IpGenAddr::fromRecord(
-                        link.interfaces + a * LinkAddrs::kAddrSize, "interfaceAddr" ) );
+                    tepIs( addrFromRecord( link.interfaces + a * LinkAddrs::kAddrSize,
+                                           "interfaceAddr" ) );
                 } catch ( const Platform::Error& e ) {
                     if ( !doReported( topoDb->neighborTable(), reads_[linkRead].ref,
                                       e ) ) {
@@ -307,18 +398,56 @@ AllTopoRouter AllTopoDbView::doRouterCall( const Net::IpGenAddr& teRouterId ) co
                 }
             }
             if ( routerView.overload() && !ourselves ) {
-                TRACE7( "Overload bit set for router "
-                        << teRouterId << ", so ignoring neighbor " << k );
+                TRACE_FOR( 7, kRouterCallName,
+                           "Overload bit set for router "
+                               << teRouterId << ", so ignoring neighbor " << k );
                 continue;
             }
-            result.neighborIs( key );
+            bool listed = false;
+            for ( const RouterLink& known : out.links ) {
+                if ( known.key == key ) {
+                    listed = true;
+                    break;
+                }
+            }
+            if ( !listed ) {
+                out.links.push_back(
+                    RouterLink{ key, metrics ? doLinkMetric( topoDb->neighborTable(),
+                                                             reads_[linkRead].ref )
+                                             : LinkMetric() } );
+            }
         }
     }
     if ( !found ) {
-        return AllTopoRouter();
+        out.links.clear();
+        out.teps.clear();
+        return;
     }
-    result.tepIs( teRouterId );
-    return result;
+    tepIs( teRouterId );
+    out.teRouterId = teRouterId;
+}
+
+AllTopoDbView::LinkMetric AllTopoDbView::doLinkMetric(
+    const Platform::TableReaderBase& table, const Platform::RecordRef& ref ) const {
+    using Routing::Topology::NeighborValue;
+    LinkMetric metric;
+    const uint8_t present = ref.len == sizeof( NeighborValue )
+                                ? ref.bytes[offsetof( NeighborValue, teMetricPresent )]
+                                : 2;
+    if ( present > 1 ) {
+        if ( !doReported( table, ref,
+                          Platform::DeserializationError(
+                              "neighbor", "bad length or TE-metric flag" ) ) ) {
+            throw TornRead();
+        }
+        return metric;
+    }
+    metric.teMetricPresent = present == 1;
+    std::memcpy( &metric.teMetric, ref.bytes + offsetof( NeighborValue, teMetric ),
+                 sizeof( metric.teMetric ) );
+    std::memcpy( &metric.igpMetric, ref.bytes + offsetof( NeighborValue, igpMetric ),
+                 sizeof( metric.igpMetric ) );
+    return metric;
 }
 
 // ---- networks
@@ -384,33 +513,14 @@ Neighbor AllTopoDbView::neighbor( const AllTopoNeighborKey& key ) const {
 AllTopoDbView::LinkMetric AllTopoDbView::neighborMetric(
     const AllTopoNeighborKey& key ) const {
     return doStable( [&] {
-        using Routing::Topology::NeighborValue;
-        LinkMetric metric;
         const TopoDb* topoDb = doTopoDb( key.topoId() );
         Platform::RecordRef ref;
         if ( !topoDb ||
              !doFind( topoDb->neighborTable(),
                       topoDb->neighborTable().find( key.neighborKey(), ref ), ref ) ) {
-            return metric;
+            return LinkMetric();
         }
-        const uint8_t present =
-            ref.len == sizeof( NeighborValue )
-                ? ref.bytes[offsetof( NeighborValue, teMetricPresent )]
-                : 2;
-        if ( present > 1 ) {
-            if ( !doReported( topoDb->neighborTable(), ref,
-                              Platform::DeserializationError(
-                                  "neighbor", "bad length or TE-metric flag" ) ) ) {
-                throw TornRead();
-            }
-            return metric;
-        }
-        metric.teMetricPresent = present == 1;
-        std::memcpy( &metric.teMetric, ref.bytes + offsetof( NeighborValue, teMetric ),
-                     sizeof( metric.teMetric ) );
-        std::memcpy( &metric.igpMetric, ref.bytes + offsetof( NeighborValue, igpMetric ),
-                     sizeof( metric.igpMetric ) );
-        return metric;
+        return doLinkMetric( topoDb->neighborTable(), ref );
     } );
 }
 
@@ -489,9 +599,12 @@ bool AllTopoDbView::doTwoWayCheckP2P( const AllTopoNeighborKey& key, const TopoD
     bool peerFound = false;
     if ( doRouter( *topoDb, neighborKey.neighborRouterId(), &b, false ) ) {
         const size_t bRead = reads_.size() - 1;
+        // The keys follow one another in the record (routerRecordSize).
+        const uint8_t* keys =
+            b.neighborCount() ? b.neighborKeyRecord( NeighborIndex( 0 ) ) : nullptr;
         for ( uint32_t i = 0; i < b.neighborCount(); ++i ) {
             // Most of B's keys lead elsewhere: look at the raw far end first.
-            const uint8_t* raw = b.neighborKeyRecord( NeighborIndex( i ) );
+            const uint8_t* raw = keys + size_t{ i } * sizeof( NeighborKey );
             uint32_t type;
             std::memcpy( &type, raw + NeighborKey::kTypeOffset, sizeof( type ) );
             if ( type != Routing::Topology::neighborTypeRouter() ||

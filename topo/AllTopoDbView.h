@@ -82,6 +82,23 @@ class AllTopoDbView {
         uint32_t igpMetric = 0;
     };
     LinkMetric neighborMetric( const AllTopoNeighborKey& key ) const;
+
+    // What a run needs of router( teRouterId ), from one call: the same links
+    // and end points in the same order, each link with what neighborMetric
+    // gives for it, read from the record its checks read rather than looked
+    // up again. The caller owns the storage and reuses it from call to call;
+    // it carries nothing from one call to the next.
+    struct RouterLink {
+        AllTopoNeighborKey key;
+        LinkMetric metric;
+    };
+    struct RouterLinks {
+        Net::IpGenAddr teRouterId;  // zero when no level knows the router
+        std::vector<RouterLink> links;
+        std::vector<Net::IpGenAddr> teps;
+    };
+    // Fills `out`, cleared first.
+    void routerLinks( const Net::IpGenAddr& teRouterId, RouterLinks& out ) const;
     // What hop selection needs of neighbor( key ), read in place without
     // decoding the rest of the record: the count of one of its address lists
     // and the first address of that list. `found` is false when the level or
@@ -154,8 +171,13 @@ class AllTopoDbView {
                                    const Platform::RecordRef& ref,
                                    const std::exception& error ) const;
 
-    AllTopoRouter doRouterCall( const Net::IpGenAddr& teRouterId ) const;
+    // router() and routerLinks(); the metrics only when `metrics`.
+    void doRouterCall( const Net::IpGenAddr& teRouterId, RouterLinks& out,
+                       bool metrics ) const;
     AllTopoNetwork doNetworkCall( const AllTopoNetworkId& allTopoNetworkId ) const;
+    // The metrics of a link record that doLinkAddrs accepted.
+    LinkMetric doLinkMetric( const Platform::TableReaderBase& table,
+                             const Platform::RecordRef& ref ) const;
     // `listed`: the caller iterates the advertising router's own keys, so
     // only the far side needs checking (and, point-to-point, these are the
     // link's addresses).
@@ -169,6 +191,7 @@ class AllTopoDbView {
     bool doNeighborAllowedV6( const Routing::Topology::Neighbor& neighbor,
                               const Net::IntfId& intfId ) const;
     const Routing::Topology::TopoDb* doTopoDb( TopoId topoId ) const;
+    const RouterIdMap* doRouterIdMap( TopoId topoId ) const;
 
     Platform::Ptr<AllTopoDb> allTopoDb_;
     Platform::Ptr<AllTopoDbStatus> allTopoDbStatus_;

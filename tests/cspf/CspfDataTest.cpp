@@ -43,7 +43,7 @@ TEST( CspfDataTest, TheTentGivesTheCheapestAndLansFirst ) {
     data->tentIs( CspfLinkInfo( CspfLinkInfoKey( p2p, 10 ) ) );
     EXPECT_TRUE( data->tentAdd( CspfLinkInfo( CspfLinkInfoKey( lan, 10 ) ) ) );
     EXPECT_FALSE( data->tentAdd( CspfLinkInfo( CspfLinkInfoKey( lan, 10 ) ) ) );
-    EXPECT_EQ( data->tentColl().begin()->first, CspfLinkInfoKey( lan, 10 ) );
+    EXPECT_EQ( data->tentFirst().cspfLinkInfoKey(), CspfLinkInfoKey( lan, 10 ) );
     // Keys that differ only in the router reached across the LAN are kept apart.
     CspfLinkInfoKey behind( lan, 10 );
     behind.routerInNetworkIs( IpGenAddr( "10.0.0.7" ) );
@@ -53,8 +53,8 @@ TEST( CspfDataTest, TheTentGivesTheCheapestAndLansFirst ) {
     data->tentIs( CspfLinkInfo( other ) );
     EXPECT_EQ( data->tents(), 5u );
     std::vector<CspfLinkInfoKey> order;
-    for ( const auto& [key, info] : data->tentColl() ) {
-        order.push_back( key );
+    for ( const CspfLinkInfo& info : data->tentInOrder() ) {
+        order.push_back( info.cspfLinkInfoKey() );
     }
     EXPECT_EQ( order, ( std::vector<CspfLinkInfoKey>{
                           CspfLinkInfoKey( lan, 10 ), CspfLinkInfoKey( p2p, 10 ), behind,

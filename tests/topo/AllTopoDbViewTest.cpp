@@ -378,6 +378,67 @@ TEST_F( AllTopoDbViewTest, TheExcludedInterfaceMatchesIpv6Addresses ) {
     EXPECT_EQ( other.router( te( 1 ) ).neighbors(), 1u );
 }
 
+TEST_F( AllTopoDbViewTest, TheRunsAnswersAreRouterAndNeighborMetric ) {
+    // Both levels, a LAN, an overloaded router, a missing record, a one-way
+    // link, parallel links and a key listed twice: what a run reads through
+    // its own buffer is what router() and neighborMetric() answer.
+    for ( int level = 1; level <= 2; ++level ) {
+        for ( int n = 1; n <= 6; ++n ) {
+            router( level, n, level == 2 && n == 4 );
+        }
+    }
+    link( 1, 1, 2, 1 );
+    link( 1, 2, 3, 2 );
+    link( 2, 1, 2, 3 );
+    link( 2, 1, 2, 4 );
+    link( 2, 2, 4, 5 );
+    link( 2, 4, 5, 6 );
+    const NeighborKey twice = link( 2, 5, 6, 7 );
+    advertise( 2, 5, twice );
+    end( 2, 3, 6, 8, "10.0.8.1", "10.0.8.2" );
+    advertise( 2, 6, NeighborKey::toRouter( sys( 6 ), sys( 1 ), 9 ) );
+    const NetworkId lanId( sys( 3 ), 2 );
+    Network lan( lanId );
+    for ( int n = 3; n <= 6; ++n ) {
+        lan.routerIs( RouterIndex( n - 3 ), sys( n ) );
+        const NeighborKey key = NeighborKey::toNetwork( sys( n ), lanId );
+        advertise( 2, n, key );
+        const std::string addr = "10.1.0." + std::to_string( n );
+        record( 2, key, { addr.c_str() }, {} );
+    }
+    writer( 2 ).networkIs( lan );
+    commit();
+
+    const AllTopoDbView v = view();
+    AllTopoDbView::RouterLinks links;
+    for ( int n = 1; n <= 7; ++n ) {
+        v.routerLinks( te( n ), links );
+        const AllTopoRouter router = v.router( te( n ) );
+        EXPECT_EQ( links.teRouterId, router.teRouterId() );
+        std::vector<AllTopoNeighborKey> keys;
+        for ( const AllTopoDbView::RouterLink& link : links.links ) {
+            keys.push_back( link.key );
+            const AllTopoDbView::LinkMetric metric = v.neighborMetric( link.key );
+            EXPECT_EQ( link.metric.teMetricPresent, metric.teMetricPresent );
+            EXPECT_EQ( link.metric.teMetric, metric.teMetric );
+            EXPECT_EQ( link.metric.igpMetric, metric.igpMetric );
+            EXPECT_EQ( link.metric.igpMetric, 10u );
+        }
+        EXPECT_EQ( keys, std::vector<AllTopoNeighborKey>( router.neighbor().begin(),
+                                                          router.neighbor().end() ) );
+        EXPECT_EQ( links.teps,
+                   std::vector<IpGenAddr>( router.tep().begin(), router.tep().end() ) );
+    }
+    v.routerLinks( te( 5 ), links );
+    EXPECT_EQ( links.links.size(), 3u );  // to 4, to 6 (listed twice), the LAN
+    v.routerLinks( te( 2 ), links );
+    EXPECT_EQ( links.links.size(), 5u );  // both levels, parallel links to 1
+    v.routerLinks( te( 7 ), links );
+    EXPECT_TRUE( links.teRouterId.isAddrZero() );
+    EXPECT_TRUE( links.links.empty() );
+    EXPECT_TRUE( links.teps.empty() );
+}
+
 TEST_F( AllTopoDbViewTest, ACorruptRouterRecordIsReportedAndRefused ) {
     router( 2, 1 );
     router( 2, 2 );
