@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "platform/Assert.h"
 #include "platform/EventLoop.h"
 #include "platform/Inotify.h"
 #include "platform/StateTree.h"
@@ -74,19 +75,31 @@ bool TableReaderBase::doWatchFile() {
         fileWatch_.reset();
         return false;
     }
-    // Watch the inode the reader has mapped; a replaced file is a new inode.
-    if ( fileWatch_ && fileWatch_->active() ) {
-        struct stat mapped, watched;
-        if ( fstat( core_.fd(), &mapped ) == 0 &&
-             stat( fileWatch_->path().c_str(), &watched ) == 0 &&
-             mapped.st_ino == watched.st_ino ) {
-            return false;
-        }
+    // Watch the inode the reader has mapped: a replaced file is a new inode,
+    // and the writer rings the bell of the new one. The path names the new
+    // one as soon as it is renamed in, so the watch remembers its own inode.
+    struct stat mapped;
+    if ( fileWatch_ && fileWatch_->active() && fstat( core_.fd(), &mapped ) == 0 &&
+         mapped.st_ino == watchedInode_ ) {
+        return false;
     }
     fileWatch_.reset();
     try {
-        fileWatch_ = inotify_->watch( core_.path(), IN_MODIFY | IN_ATTRIB,
-                                      [this]( uint32_t, std::string_view ) { sync(); } );
+        // The inode before and after the watch is the watched one only when
+        // no replacement came in between.
+        struct stat before, after;
+        do {
+            if ( stat( core_.path().c_str(), &before ) != 0 ) {
+                return false;
+            }
+            fileWatch_ =
+                inotify_->watch( core_.path(), IN_MODIFY | IN_ATTRIB,
+                                 [this]( uint32_t, std::string_view ) { sync(); } );
+            if ( stat( core_.path().c_str(), &after ) != 0 ) {
+                return false;
+            }
+        } while ( before.st_ino != after.st_ino );
+        watchedInode_ = after.st_ino;
         return true;
     } catch ( const Error& ) {
         // The file went between the sync and the watch: the directory watch
@@ -143,7 +156,17 @@ TableWriterBase::~TableWriterBase() {
     *alive_ = false;
 }
 
+void TableWriterBase::bellRelease() {
+    CSPF_ASSERT( bellHolds_ > 0 );
+    if ( --bellHolds_ == 0 && core_.dirty() ) {
+        doChanged();
+    }
+}
+
 void TableWriterBase::doChanged() {
+    if ( bellHolds_ > 0 ) {
+        return;  // rung by the last bellRelease()
+    }
     if ( !loop_ ) {
         core_.flush();
         return;

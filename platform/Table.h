@@ -25,6 +25,8 @@
 // its checks goes to the table's corruption handler and reads as absent.
 #pragma once
 
+#include <sys/types.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <functional>
@@ -90,6 +92,7 @@ class TableReaderBase : public Entity {
     CorruptionHandler corruption_;
     std::unique_ptr<InotifyWatch> dirWatch_;
     std::unique_ptr<InotifyWatch> fileWatch_;
+    ino_t watchedInode_ = 0;  // the inode fileWatch_ is on
     bool syncing_ = false;
     bool again_ = false;
 };

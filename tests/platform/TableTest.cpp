@@ -110,6 +110,21 @@ TEST_F( TableTest, ReaderFollowsItsWriterThroughTheLoop ) {
     EXPECT_EQ( order, ( std::vector<uint32_t>{ 1, 2 } ) );
 }
 
+TEST_F( TableTest, ReaderHearsEveryBellAcrossTheWritersReplacements ) {
+    // Growth replaces the file; each key, written and rung one at a time as
+    // a client does, must reach the reader from the file that holds it.
+    auto writer = create<TableWriter<NoteRecord>>( *tree_, nullptr, "grow" );
+    auto reader = create<Notes>( *tree_, inotify_.get(), "grow" );
+    std::set<uint32_t> seen;
+    auto sub = subscribe( reader.get(), Notes::noteTag,
+                          [&]( const uint32_t& k ) { seen.insert( k ); } );
+    for ( uint32_t k = 0; k < 300; ++k ) {
+        writer->set( k, "n" );
+        pump();
+        ASSERT_EQ( seen.count( k ), 1u ) << "key " << k;
+    }
+}
+
 TEST_F( TableTest, AbsentTableFillsWhenCreatedAndEmptiesWhenRemoved ) {
     auto reader = create<Notes>( *tree_, inotify_.get(), "late/notes" );
     EXPECT_FALSE( reader->attached() );
