@@ -14,6 +14,7 @@ packages=(
   libboost-graph-dev
   clang-format
   nlohmann-json3-dev
+  pkg-config
 )
 
 missing=()
