@@ -13,11 +13,6 @@
 #include "tools/Ctl.h"
 #include "tools/TopologyFile.h"
 
-namespace Cspf::Ctl {
-// The running agent's diagnostics (CtlAgent.cpp).
-std::vector<Command> agentCommands();
-}  // namespace Cspf::Ctl
-
 namespace {
 
 using namespace Cspf::Ctl;
@@ -49,6 +44,38 @@ constexpr const char* kUsage =
     "  intf del INTERFACE\n"
     "  intf show\n"
     "\n"
+    "Agent configuration and status:\n"
+    "  te show                          the TE configuration (te/config)\n"
+    "  te set [--enabled yes|no] [--router-id A.B.C.D]\n"
+    "                                   change the given fields, keep the others\n"
+    "  cspf show                        the CSPF settings (te/cspf/cliConfig)\n"
+    "  cspf set [--initial-wait MS] [--hold-wait MS] [--max-wait MS]\n"
+    "                                   the SPF throttle waits (also --initial-int,\n"
+    "                                   --hold-int, --max-int)\n"
+    "  agent                            whether the agent runs (te/cspf/agentStatus)\n"
+    "\n"
+    "Clients and their path requests (writes and watch act as the client, through\n"
+    "the client library: they fail while the client itself runs):\n"
+    "  client list                      every registered client, VRFs, families\n"
+    "  client show NAME                 one client: registration, tables, counts\n"
+    "  client add NAME [--vrf V]... [--af ipv4|ipv6]...\n"
+    "                                   register (new client without options:\n"
+    "                                   VRF default, ipv4)\n"
+    "  client leave NAME                remove the registration and every request\n"
+    "  request add CLIENT DEST [--id N] [--vrf V] [--af ipv4|ipv6] [--exclude INTF]\n"
+    "              [--no-auto-update]   add or change one path request\n"
+    "  request del CLIENT DEST [--id N] [--vrf V] [--af ipv4|ipv6]\n"
+    "  request refresh CLIENT DEST [--id N] [--vrf V] [--af ipv4|ipv6]\n"
+    "                                   ask for a fresh result\n"
+    "  request list CLIENT [--vrf V] [--af ipv4|ipv6]\n"
+    "\n"
+    "Path results:\n"
+    "  status CLIENT [--vrf V] [--af ipv4|ipv6] [--json]\n"
+    "                                   every result of the client's tables\n"
+    "  watch CLIENT [--vrf V] [--af ipv4|ipv6] [--count N] [--timeout SEC] [--json]\n"
+    "                                   each result change as it comes; exits 0\n"
+    "                                   after N changes, 1 at the timeout\n"
+    "\n"
     "Offline computation (the agent's own CSPF on a topology file):\n"
     "  compute --topology FILE --source TE_ROUTER_ID [--tep ADDR]... [--exclude "
     "INTERFACE]\n"
@@ -62,7 +89,8 @@ constexpr const char* kUsage =
     "                                   the agent's timer task statistics; clear\n"
     "                                   resets them\n"
     "\n"
-    "The state tree's root is --root, else $CSPF_STATE_ROOT, else /dev/shm/cspf.\n";
+    "The state tree's root is --root, else $CSPF_STATE_ROOT, else /dev/shm/cspf.\n"
+    "Exit status: 0 ok, 1 a failure of the system, 2 a bad invocation or input.\n";
 
 }  // namespace
 
@@ -76,7 +104,8 @@ int main( int argc, char** argv ) {
         const std::string root =
             takeOption( args, "--root", Platform::StateTree::defaultRoot() );
         std::vector<Command> commands = topologyCommands();
-        for ( auto more : { computeCommands(), interfaceCommands(), agentCommands() } ) {
+        for ( auto more : { computeCommands(), interfaceCommands(), stateCommands(),
+                            clientCommands(), agentCommands() } ) {
             for ( Command& c : more ) {
                 commands.push_back( std::move( c ) );
             }
