@@ -1,0 +1,259 @@
+// The whole system across processes: cspfd in its own process, clients
+// through libcspfclient (some in processes of their own), and cspfctl as the
+// IS-IS side and the operator, all over one fresh tree per test.
+#include <cspf/Client.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/ShmTable.h"
+#include "platform/StateTree.h"
+#include "records/Client.h"
+#include "records/PathTables.h"
+#include "tests/support/Child.h"
+#include "tests/support/CspfdProcess.h"
+#include "tests/support/TempDir.h"
+
+using TestKit::eventually;
+using Hops = std::vector<std::string>;
+
+namespace {
+
+const cspf::Table kTable{ "default", cspf::Family::ipv4 };
+
+// From the example topology, seen from r1 (10.0.0.1).
+const Hops kToR6{ "10.1.13.1", "10.1.36.1" };
+const Hops kToR4{ "10.1.13.1", "10.3.0.4" };
+const Hops kToR6AvoidingR3{ "10.1.12.1", "10.1.26.1" };
+const Hops kToR4AvoidingR3{ "10.1.12.1", "10.1.26.1", "10.1.36.0", "10.3.0.4" };
+
+cspf::PathRequest request( const std::string& destination, uint32_t id,
+                           const std::string& exclude = "" ) {
+    cspf::PathRequest r;
+    r.destination = destination;
+    r.id = id;
+    r.excludeInterface = exclude;
+    return r;
+}
+
+class EndToEndTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ctl( { "topo", "load", CSPF_EXAMPLES "/topology.json" } );
+        ctl( { "te", "set", "--enabled", "yes", "--router-id", "10.0.0.1" } );
+        ctl( { "intf", "set", "Ethernet1", "--ipv4", "10.1.12.0/31" } );
+        ctl( { "intf", "set", "Ethernet2", "--ipv4", "10.1.13.0/31" } );
+        agent_ = std::make_unique<TestKit::CspfdProcess>( CSPFD_PATH, dir_.path() );
+    }
+    void TearDown() override {
+        if ( agent_->running() ) {
+            EXPECT_EQ( agent_->stop(), 0 );
+        }
+    }
+
+    void ctl( std::vector<std::string> args ) {
+        args.insert( args.begin(), { CSPFCTL_PATH, "--root", dir_.path() } );
+        ASSERT_EQ( TestKit::runProgram( args ), 0 ) << args[3] << " " << args[4];
+    }
+    // The three requests of client te1: two share the empty constraint.
+    std::unique_ptr<cspf::Client> te1() {
+        auto client = std::make_unique<cspf::Client>( "te1", dir_.path() );
+        client->requestIs( kTable, request( "10.0.0.6", 1 ) );
+        client->requestIs( kTable, request( "10.0.0.4", 1 ) );
+        client->requestIs( kTable, request( "10.0.0.6", 2, "Ethernet2" ) );
+        return client;
+    }
+    static Hops hops( const cspf::Client& c, const std::string& destination,
+                      uint32_t id ) {
+        const auto r = c.result( kTable, destination, id );
+        return r ? r->hops : Hops{ "<none>" };
+    }
+    static bool servedAsBuilt( const cspf::Client& c ) {
+        return hops( c, "10.0.0.6", 1 ) == kToR6 && hops( c, "10.0.0.4", 1 ) == kToR4 &&
+               hops( c, "10.0.0.6", 2 ) == kToR6AvoidingR3;
+    }
+    std::string statusTable( const std::string& client ) const {
+        return dir_.path() + "/te/cspf/status/vrf/default/ipv4/" + client;
+    }
+
+    TestKit::TempDir dir_{ "cspfe2e" };
+    std::unique_ptr<TestKit::CspfdProcess> agent_;
+};
+
+}  // namespace
+
+TEST_F( EndToEndTest, ServesRefreshesAndFollowsALinkFailureAndRepair ) {
+    auto client = te1();
+    ASSERT_TRUE( eventually( [&] { return servedAsBuilt( *client ); } ) )
+        << agent_->command( "DUMP_CSPF_STATE" );
+    EXPECT_TRUE( client->agentEnabled() );
+    const auto avoiding = *client->result( kTable, "10.0.0.6", 2 );
+
+    // An explicit refresh is answered from the cache: no run.
+    const long runs = agent_->runCount();
+    const uint32_t seq = client->refresh( kTable, "10.0.0.6", 1 );
+    ASSERT_TRUE( eventually( [&] {
+        return client->result( kTable, "10.0.0.6", 1 )->refreshRespSeq == seq;
+    } ) );
+    EXPECT_EQ( hops( *client, "10.0.0.6", 1 ), kToR6 );
+    EXPECT_EQ( agent_->runCount(), runs );
+
+    // The failure moves the two paths over r3 and is heard on the watch;
+    // the path that already avoided r1's link to r3 is not rewritten.
+    std::map<std::string, int> heard;
+    client->watchIs( [&]( const cspf::ResultChange& change ) {
+        ++heard[change.destination + "/" + std::to_string( change.id )];
+    } );
+    ctl( { "topo", "link", "down", "r1", "Ethernet2" } );
+    ASSERT_TRUE( eventually( [&] {
+        pollfd p{ client->fd(), POLLIN, 0 };
+        if ( poll( &p, 1, 10 ) > 0 ) {
+            client->process();
+        }
+        return hops( *client, "10.0.0.6", 1 ) == kToR6AvoidingR3 &&
+               hops( *client, "10.0.0.4", 1 ) == kToR4AvoidingR3;
+    } ) )
+        << agent_->command( "DUMP_CSPF_STATE" );
+    EXPECT_EQ( heard["10.0.0.6/1"], 1 );
+    EXPECT_EQ( heard["10.0.0.4/1"], 1 );
+    EXPECT_EQ( heard.count( "10.0.0.6/2" ), 0u );
+    EXPECT_EQ( client->result( kTable, "10.0.0.6", 2 )->changeCount,
+               avoiding.changeCount );
+
+    ctl( { "topo", "link", "up", "r1", "Ethernet2" } );
+    EXPECT_TRUE( eventually( [&] { return servedAsBuilt( *client ); } ) );
+}
+
+TEST_F( EndToEndTest, ARestartAfterSigkillRewritesNothingAndDropsWhatWentStale ) {
+    auto client = te1();
+    auto other = std::make_unique<cspf::Client>( "te2", dir_.path() );
+    other->requestIs( kTable, request( "10.0.0.5", 7 ) );
+    ASSERT_TRUE( eventually( [&] {
+        return servedAsBuilt( *client ) && other->result( kTable, "10.0.0.5", 7 );
+    } ) );
+    agent_->kill9();
+
+    // While the agent is down, one request goes and te2 leaves.
+    const auto kept = client->results( kTable );
+    client->requestDel( kTable, "10.0.0.4", 1 );
+    other->leave();
+    other.reset();
+    ASSERT_TRUE( std::filesystem::exists( statusTable( "te2" ) ) );
+
+    agent_->start();
+    ASSERT_TRUE( eventually( [&] {
+        return !std::filesystem::exists( statusTable( "te2" ) ) &&
+               !client->result( kTable, "10.0.0.4", 1 ) && agent_->runCount() >= 2;
+    } ) )
+        << agent_->command( "DUMP_CSPF_STATE" );
+    usleep( 300 * 1000 );  // anything the runs would publish has been published
+    for ( const cspf::PathResult& before : kept ) {
+        if ( before.destination == "10.0.0.4" ) {
+            continue;
+        }
+        const auto after = client->result( kTable, before.destination, before.id );
+        ASSERT_TRUE( after );
+        EXPECT_EQ( after->changeCount, before.changeCount ) << before.destination;
+        EXPECT_EQ( after->lastUpdated, before.lastUpdated ) << before.destination;
+        EXPECT_EQ( after->hops, before.hops );
+    }
+}
+
+TEST_F( EndToEndTest, AClientThatDiesKeepsItsResultsUntilItLeaves ) {
+    const std::string root = dir_.path();
+    const pid_t child = TestKit::forkChild( [&] {
+        cspf::Client c( "te3", root );
+        c.requestIs( kTable, request( "10.0.0.6", 1 ) );
+        if ( !eventually( [&] { return hops( c, "10.0.0.6", 1 ) == kToR6; } ) ) {
+            return 1;
+        }
+        kill( getpid(), SIGKILL );  // no destructor, no clean-up
+        return 2;
+    } );
+    ASSERT_EQ( TestKit::reapChild( child, 30 ), -SIGKILL );
+
+    // Its registration and results outlive it; the next one of its name
+    // finds them, and leaving takes everything away.
+    cspf::Client again( "te3", root );
+    EXPECT_EQ( hops( again, "10.0.0.6", 1 ), kToR6 );
+    again.leave();
+    EXPECT_TRUE( eventually( [&] {
+        return !std::filesystem::exists( statusTable( "te3" ) ) && !again.agentEnabled();
+    } ) );
+}
+
+TEST_F( EndToEndTest, GarbageInOneClientsRequestsHurtsNoOtherClient ) {
+    auto client = te1();
+    ASSERT_TRUE( eventually( [&] { return servedAsBuilt( *client ); } ) );
+
+    // "bad" registers and fills its request table with records that do not
+    // decode: a broken address family, a short value.
+    Platform::StateTree tree( dir_.path() );
+    {
+        Platform::ShmTableWriter garbage(
+            tree.filePath( "te/cspf/config/vrf/default/ipv4/bad" ),
+            Platform::tableLayoutOf<Cspf::PathConfigRecord>() );
+        std::vector<uint8_t> key( Cspf::PathConfigRecord::keySize, 0xa5 );
+        std::vector<uint8_t> value( sizeof( Cspf::PathConfig ), 0x5a );
+        garbage.set( key.data(), value.data(), static_cast<uint32_t>( value.size() ) );
+        key[0] = 1;
+        garbage.set( key.data(), value.data(), 3 );
+        garbage.flush();
+    }
+    auto registration =
+        Platform::create<Cspf::ClientWriter>( tree, nullptr, Cspf::clientPath( "bad" ) );
+    registration->vrfIs( L3::VrfName() );
+    registration->addressFamilyIs( Net::AddressFamily::ipv4 );
+
+    client->requestIs( kTable, request( "10.0.0.5", 3 ) );
+    EXPECT_TRUE( eventually( [&] {
+        const auto r = client->result( kTable, "10.0.0.5", 3 );
+        return r && r->hops == Hops{ "10.1.13.1", "10.3.0.5" };
+    } ) );
+    EXPECT_TRUE( agent_->running() );
+    EXPECT_TRUE( servedAsBuilt( *client ) );
+}
+
+TEST_F( EndToEndTest, ManyClientsAtOnceEachGetTheirOwnResults ) {
+    constexpr int kClients = 16;
+    const std::string root = dir_.path();
+    TestKit::Pipe go;
+    std::vector<pid_t> children;
+    for ( int i = 0; i < kClients; ++i ) {
+        children.push_back( TestKit::forkChild( [&, i] {
+            cspf::Client c( "c" + std::to_string( i ), root );
+            TestKit::awaitPoke( go, 30 );  // all at once
+            for ( uint32_t id = 0; id < 8; ++id ) {
+                c.requestIs( kTable, request( id % 2 ? "10.0.0.6" : "10.0.0.4", id,
+                                              i % 4 == 0 ? "Ethernet2" : "" ) );
+            }
+            const bool served = eventually( [&] {
+                for ( uint32_t id = 0; id < 8; ++id ) {
+                    const Hops& want =
+                        i % 4 == 0 ? ( id % 2 ? kToR6AvoidingR3 : kToR4AvoidingR3 )
+                                   : ( id % 2 ? kToR6 : kToR4 );
+                    if ( hops( c, id % 2 ? "10.0.0.6" : "10.0.0.4", id ) != want ) {
+                        return false;
+                    }
+                }
+                return true;
+            } );
+            return served ? 0 : 1;
+        } ) );
+    }
+    for ( int i = 0; i < kClients; ++i ) {
+        TestKit::poke( go );
+    }
+    go.closeWrite();
+    for ( pid_t child : children ) {
+        EXPECT_EQ( TestKit::reapChild( child, 60 ), 0 );
+    }
+    EXPECT_TRUE( agent_->running() );
+}
