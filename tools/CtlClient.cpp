@@ -24,6 +24,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -180,6 +181,35 @@ std::pair<std::string, std::string> listedBy( const Client& reg ) {
         afs.push_back( Net::toString( af ) );
     }
     return { joined( vrfs ), joined( afs ) };
+}
+
+// Calls `fn( table, key, record )` for every sound record of the request
+// tables (Config) or result tables (StatusReader) of client `name` that `s`
+// picks; the exit status, 1 when a record was corrupt (reported).
+template <typename Reader, typename Fn>
+int eachRecord( const std::string& root, const std::string& name, const Selection& s,
+                Fn fn ) {
+    expectTree( root );
+    Platform::StateTree tree( root );
+    expectClient( tree, name );
+    ReadProblems problems;
+    auto reg = registrationOf( tree, name, problems );
+    for ( const TableRef& t : tablesOf( *reg, s ) ) {
+        const std::string path = std::is_same_v<Reader, Config>
+                                     ? pathConfigTablePath( t.vrf, t.af, name )
+                                     : pathStatusTablePath( t.vrf, t.af, name );
+        auto table = readerOf<Reader>( tree, path, problems );
+        if ( !table ) {
+            continue;
+        }
+        for ( const auto& [key, version] : table->keys() ) {
+            const auto record = table->get( key );
+            if ( record.key == key ) {  // else gone since, or corrupt (reported)
+                fn( t, key, record );
+            }
+        }
+    }
+    return problems.status();
 }
 
 // --- clients ---
@@ -392,24 +422,10 @@ int requestRefresh( Args args, const std::string& root ) {
 int requestList( Args args, const std::string& root ) {
     const Selection s = takeSelection( args );
     expectArgs( args, 1, "one CLIENT and options (see cspfctl --help)" );
-    const std::string& name = args[0];
-    expectTree( root );
-    Platform::StateTree tree( root );
-    expectClient( tree, name );
-    ReadProblems problems;
-    auto reg = registrationOf( tree, name, problems );
     bool header = false;
-    for ( const TableRef& t : tablesOf( *reg, s ) ) {
-        auto config =
-            readerOf<Config>( tree, pathConfigTablePath( t.vrf, t.af, name ), problems );
-        if ( !config ) {
-            continue;
-        }
-        for ( const auto& [key, version] : config->keys() ) {
-            const PathConfig c = config->pathConfig( key );
-            if ( !( c.key == key ) ) {
-                continue;  // gone since, or corrupt (reported)
-            }
+    return eachRecord<Config>(
+        root, args[0], s,
+        [&]( const TableRef& t, const PathKey& key, const PathConfig& c ) {
             if ( !header ) {
                 std::printf( "%-12s %-5s %-24s %10s  %-16s %-10s %s\n", "vrf", "af",
                              "destination", "id", "exclude", "autoUpdate",
@@ -423,9 +439,7 @@ int requestList( Args args, const std::string& root ) {
                          Net::toString( t.af ).c_str(),
                          key.destination.toString().c_str(), key.id, exclude.c_str(),
                          c.autoUpdate ? "yes" : "no", c.refreshReqSeq );
-        }
-    }
-    return problems.status();
+        } );
 }
 
 // --- results ---
@@ -481,24 +495,10 @@ int status( Args args, const std::string& root ) {
     const Selection s = takeSelection( args );
     const bool json = takeFlag( args, "--json" );
     expectArgs( args, 1, "one CLIENT and options (see cspfctl --help)" );
-    const std::string& name = args[0];
-    expectTree( root );
-    Platform::StateTree tree( root );
-    expectClient( tree, name );
-    ReadProblems problems;
-    auto reg = registrationOf( tree, name, problems );
     bool header = json;
-    for ( const TableRef& t : tablesOf( *reg, s ) ) {
-        auto results = readerOf<StatusReader>(
-            tree, pathStatusTablePath( t.vrf, t.af, name ), problems );
-        if ( !results ) {
-            continue;
-        }
-        for ( const auto& [key, version] : results->keys() ) {
-            const PathStatus status = results->pathStatus( key );
-            if ( !( status.key == key ) ) {
-                continue;  // gone since, or corrupt (reported)
-            }
+    return eachRecord<StatusReader>(
+        root, args[0], s,
+        [&]( const TableRef& t, const PathKey&, const PathStatus& status ) {
             const cspf::PathResult r = resultOf( status );
             if ( !header ) {
                 printResultHeader();
@@ -506,9 +506,7 @@ int status( Args args, const std::string& root ) {
             }
             printResult( t.vrf.name(), Net::toString( t.af ), r.destination, r.id, &r,
                          json );
-        }
-    }
-    return problems.status();
+        } );
 }
 
 // Seconds, possibly with a fraction: "10", "0.5".

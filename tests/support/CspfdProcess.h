@@ -16,8 +16,7 @@
 #include <vector>
 
 #include "platform/CommandChannel.h"
-
-extern char** environ;
+#include "tests/support/Program.h"
 
 namespace TestKit {
 
@@ -33,22 +32,6 @@ bool eventually( Fn done, double seconds = 20 ) {
         std::this_thread::sleep_for( std::chrono::milliseconds( 1 ) );
     }
     return true;
-}
-
-// Runs `argv` (argv[0] is the program's path) and returns its exit status.
-inline int runProgram( const std::vector<std::string>& argv ) {
-    std::vector<char*> args;
-    for ( const std::string& a : argv ) {
-        args.push_back( const_cast<char*>( a.c_str() ) );
-    }
-    args.push_back( nullptr );
-    pid_t pid = 0;
-    if ( posix_spawn( &pid, args[0], nullptr, nullptr, args.data(), environ ) != 0 ) {
-        throw std::runtime_error( "cannot start " + argv[0] );
-    }
-    int status = 0;
-    waitpid( pid, &status, 0 );
-    return WIFEXITED( status ) ? WEXITSTATUS( status ) : -WTERMSIG( status );
 }
 
 class CspfdProcess {

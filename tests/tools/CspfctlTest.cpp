@@ -19,6 +19,7 @@
 
 #include "platform/CommandChannel.h"
 #include "platform/EventLoop.h"
+#include "tests/support/Program.h"
 
 namespace {
 
@@ -26,24 +27,11 @@ std::filesystem::path repoRoot() {
     return std::filesystem::path( __FILE__ ).parent_path().parent_path().parent_path();
 }
 
-struct CtlRun {
-    int status = -1;
-    std::string out;
-};
+using CtlRun = TestKit::ProgramRun;
 
 // Runs cspfctl with `args` (stderr folded into the output).
 CtlRun cspfctl( const std::string& args ) {
-    CtlRun run;
-    const std::string command = std::string( CSPFCTL_PATH ) + " " + args + " 2>&1";
-    FILE* pipe = popen( command.c_str(), "r" );
-    char buffer[4096];
-    size_t n;
-    while ( ( n = fread( buffer, 1, sizeof( buffer ), pipe ) ) > 0 ) {
-        run.out.append( buffer, n );
-    }
-    const int status = pclose( pipe );
-    run.status = WIFEXITED( status ) ? WEXITSTATUS( status ) : -1;
-    return run;
+    return TestKit::runShell( std::string( CSPFCTL_PATH ) + " " + args + " 2>&1" );
 }
 
 const std::string kExample = ( repoRoot() / "examples" / "topology.json" ).string();

@@ -20,29 +20,17 @@
 #include "records/CspfCliConfig.h"
 #include "records/PathTables.h"
 #include "records/TeConfig.h"
+#include "tests/support/Program.h"
 #include "tests/support/TempDir.h"
 
 namespace {
 
-struct CtlRun {
-    int status = -1;
-    std::string out;
-};
+using CtlRun = TestKit::ProgramRun;
 
 // Runs cspfctl on `root` with `args` (stderr folded into the output).
 CtlRun ctl( const std::string& root, const std::string& args ) {
-    CtlRun run;
-    const std::string command =
-        std::string( CSPFCTL_PATH ) + " --root " + root + " " + args + " 2>&1";
-    FILE* pipe = popen( command.c_str(), "r" );
-    char buffer[4096];
-    size_t n;
-    while ( ( n = fread( buffer, 1, sizeof( buffer ), pipe ) ) > 0 ) {
-        run.out.append( buffer, n );
-    }
-    const int status = pclose( pipe );
-    run.status = WIFEXITED( status ) ? WEXITSTATUS( status ) : -1;
-    return run;
+    return TestKit::runShell( std::string( CSPFCTL_PATH ) + " --root " + root + " " +
+                              args + " 2>&1" );
 }
 
 // A refusal: the given status and one line "cspfctl: ...".
