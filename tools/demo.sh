@@ -55,7 +55,7 @@ step "cspfd starts on a fresh tree ($root), as router r1 (10.0.0.1)"
 MIVLOGDIR="$root" MIVLOG_DISABLE=1 "$bin/cspfd" --root "$root" &
 agent=$!
 
-step "Client 'demo' asks for four paths; two of them avoid no interface, one avoids Ethernet2"
+step "Client 'demo' asks for four paths: three share one constraint (none), one avoids Ethernet2"
 ctl client add demo
 changes 4
 ctl request add demo 10.0.0.6 --id 1
