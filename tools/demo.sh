@@ -2,7 +2,7 @@
 # The main job: cspfd serving a demo client over the example topology.
 #
 # On a fresh temporary tree: cspfctl plays the IS-IS side and the operator,
-# cspfd computes, the demo client asks for four paths (two share a
+# cspfd computes, the demo client asks for four paths (three share a
 # constraint, one avoids an interface); then a link fails and the paths
 # that moved are shown, then the agent's own state dump. Everything started
 # is stopped and the tree is removed, whatever happens.
