@@ -21,6 +21,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -387,21 +388,24 @@ int requestAdd( Args args, const std::string& root ) {
     return 0;
 }
 
-// The request must be there: removing or refreshing nothing is a mistake.
-void expectRequest( const cspf::Client& client, const RequestRef& r ) {
-    if ( !requestOf( client, r ) ) {
+// The client of an existing request, opened to change it: removing or
+// refreshing nothing is a mistake.
+std::unique_ptr<cspf::Client> clientWithRequest( const std::string& root,
+                                                 const RequestRef& r ) {
+    expectTree( root );
+    expectClient( Platform::StateTree( root ), r.client );
+    auto client = std::make_unique<cspf::Client>( r.client, root );
+    if ( !requestOf( *client, r ) ) {
         throw UsageError( "no request " + r.text() );
     }
+    return client;
 }
 
 int requestDel( Args args, const std::string& root ) {
     const RequestRef r =
         takeRequest( args, "CLIENT DEST [--id N] [--vrf V] [--af ipv4|ipv6]" );
-    expectTree( root );
-    expectClient( Platform::StateTree( root ), r.client );
-    cspf::Client client( r.client, root );
-    expectRequest( client, r );
-    client.requestDel( r.table.forLibrary(), r.destination.toString(), r.id );
+    clientWithRequest( root, r )->requestDel( r.table.forLibrary(),
+                                              r.destination.toString(), r.id );
     std::printf( "request %s removed\n", r.text().c_str() );
     return 0;
 }
@@ -409,12 +413,8 @@ int requestDel( Args args, const std::string& root ) {
 int requestRefresh( Args args, const std::string& root ) {
     const RequestRef r =
         takeRequest( args, "CLIENT DEST [--id N] [--vrf V] [--af ipv4|ipv6]" );
-    expectTree( root );
-    expectClient( Platform::StateTree( root ), r.client );
-    cspf::Client client( r.client, root );
-    expectRequest( client, r );
-    const uint32_t seq =
-        client.refresh( r.table.forLibrary(), r.destination.toString(), r.id );
+    const uint32_t seq = clientWithRequest( root, r )->refresh(
+        r.table.forLibrary(), r.destination.toString(), r.id );
     std::printf( "request %s refreshed: refreshReqSeq %u\n", r.text().c_str(), seq );
     return 0;
 }

@@ -10,28 +10,15 @@
 #include "platform/EventLoop.h"
 #include "platform/Inotify.h"
 #include "platform/StateTree.h"
+#include "tests/support/ByteRecord.h"
 
 using namespace Platform;
 using AgentBase::Framework;
 
 namespace {
 
-template <const char* Name>
-struct ByteRecord {
-    using Value = uint8_t;
-    static constexpr const char* typeName = Name;
-    static constexpr const char* layout = "u8; v1";
-    static constexpr uint32_t maxValueSize = 1;
-    static void encodeValue( const Value& v, std::vector<uint8_t>& out ) {
-        out.assign( 1, v );
-    }
-    static Value decodeValue( const uint8_t* in, size_t len ) {
-        if ( len != 1 ) {
-            throw DeserializationError( "byte", "1 byte expected" );
-        }
-        return in[0];
-    }
-};
+using TestKit::ByteRecord;
+
 constexpr char kConfigType[] = "Test::AgentConfig";
 constexpr char kOtherType[] = "Test::Other";
 using ConfigReader = SingletonReader<ByteRecord<kConfigType>>;

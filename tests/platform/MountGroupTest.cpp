@@ -6,27 +6,15 @@
 #include "platform/Inotify.h"
 #include "platform/MountGroup.h"
 #include "platform/StateTree.h"
+#include "tests/support/ByteRecord.h"
 #include "tests/support/TempDir.h"
 
 using namespace Platform;
 
 namespace {
 
-struct FlagRecord {
-    using Value = uint8_t;
-    static constexpr const char* typeName = "Test::Flag";
-    static constexpr const char* layout = "u8; v1";
-    static constexpr uint32_t maxValueSize = 1;
-    static void encodeValue( const Value& v, std::vector<uint8_t>& out ) {
-        out.assign( 1, v );
-    }
-    static Value decodeValue( const uint8_t* in, size_t len ) {
-        if ( len != 1 ) {
-            throw DeserializationError( "flag", "1 byte expected" );
-        }
-        return in[0];
-    }
-};
+constexpr char kFlagType[] = "Test::Flag";
+using FlagRecord = TestKit::ByteRecord<kFlagType>;
 using FlagReader = SingletonReader<FlagRecord>;
 using FlagWriter = SingletonWriter<FlagRecord>;
 
