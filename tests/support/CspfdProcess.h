@@ -74,7 +74,14 @@ class CspfdProcess {
         kill9();
         return -1000;
     }
-    bool running() const { return pid_ > 0 && waitpid( pid_, nullptr, WNOHANG ) == 0; }
+    // Reaps it when it has ended, so that no later signal finds another
+    // process under its pid.
+    bool running() {
+        if ( pid_ > 0 && waitpid( pid_, nullptr, WNOHANG ) != 0 ) {
+            pid_ = 0;
+        }
+        return pid_ > 0;
+    }
 
     // A diagnostic command's answer; empty when the agent is not listening.
     std::string command( const std::string& line ) const {
