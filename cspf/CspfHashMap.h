@@ -80,6 +80,13 @@ class CspfHashMap {
         const uint32_t at = index_.empty() ? 0 : index_[doSlot( k )].at;
         return at ? &items_[at - 1].second : nullptr;
     }
+    // The member's position in iteration order, size() when absent: lets a
+    // reader of a finished map keep its own data by position.
+    size_t position( const K& k ) const {
+        const uint32_t at = index_.empty() ? 0 : index_[doSlot( k )].at;
+        return at ? at - 1 : items_.size();
+    }
+    const value_type& atPosition( size_t i ) const { return items_[i]; }
     size_t count( const K& k ) const {
         return !index_.empty() && index_[doSlot( k )].at ? 1 : 0;
     }

@@ -160,27 +160,6 @@ uint32_t IpGenAddr::v4Value() const {
            static_cast<uint32_t>( addr_[2] ) << 8 | addr_[3];
 }
 
-bool IpGenAddr::isAddrZero() const {
-    size_t used = isV4() ? 4 : isV6() ? kAddrBytes : 0;
-    for ( size_t i = 0; i < used; ++i ) {
-        if ( addr_[i] != 0 ) {
-            return false;
-        }
-    }
-    return true;
-}
-
-bool IpGenAddr::operator==( const IpGenAddr& other ) const {
-    return af_ == other.af_ && std::memcmp( addr_, other.addr_, kAddrBytes ) == 0;
-}
-
-bool IpGenAddr::operator<( const IpGenAddr& other ) const {
-    if ( af_ != other.af_ ) {
-        return af_ < other.af_;
-    }
-    return std::memcmp( addr_, other.addr_, kAddrBytes ) < 0;
-}
-
 uint32_t IpGenAddr::hash() const {
     uint32_t h = 2166136261u;
     auto mix = [&h]( uint8_t byte ) {

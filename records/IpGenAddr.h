@@ -9,6 +9,7 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <iosfwd>
 #include <string>
@@ -48,10 +49,23 @@ class IpGenAddr {
     uint32_t v4Value() const;
     const uint8_t* bytes() const { return addr_; }
     // 0.0.0.0 for IPv4, :: for IPv6; an address that is not set counts as zero.
-    bool isAddrZero() const;
+    // The bytes a family does not use are zero, so all 16 bytes tell.
+    bool isAddrZero() const {
+        static constexpr uint8_t kZero[kAddrBytes] = {};
+        return std::memcmp( addr_, kZero, kAddrBytes ) == 0;
+    }
 
-    bool operator==( const IpGenAddr& other ) const;
-    bool operator<( const IpGenAddr& other ) const;  // family, then bytes
+    // Inline: every table of the agent compares addresses in its hot loops.
+    bool operator==( const IpGenAddr& other ) const {
+        return af_ == other.af_ && std::memcmp( addr_, other.addr_, kAddrBytes ) == 0;
+    }
+    // Family, then bytes.
+    bool operator<( const IpGenAddr& other ) const {
+        if ( af_ != other.af_ ) {
+            return af_ < other.af_;
+        }
+        return std::memcmp( addr_, other.addr_, kAddrBytes ) < 0;
+    }
     // Stable across processes: FNV-1a over the 20 record bytes.
     uint32_t hash() const;
 

@@ -51,10 +51,10 @@ struct TepHops {
     std::string error;
 };
 
-TepHops hopsOf( const CspfData& data, const Net::IpGenAddr& tep ) {
+TepHops hopsOf( HopSelection& selection, const Net::IpGenAddr& tep ) {
     TepHops result;
     try {
-        result.hops = selectHops( data, tep, nullptr );
+        result.hops = selection.hops( tep, nullptr );
     } catch ( const Platform::Error& e ) {
         result.error = e.what();
     }
@@ -100,6 +100,7 @@ int compute( Args args, const std::string& ) {
     }
     offline.sourceIs( source );
     const Platform::Ptr<CspfData> data = offline.compute( teps, excluded, af );
+    HopSelection selection( *data );
 
     if ( json ) {
         if ( tree ) {
@@ -122,7 +123,7 @@ int compute( Args args, const std::string& ) {
             if ( data->routerWithTepHas( tep ) ) {
                 line["owner"] = owner.toString();
             }
-            const TepHops hops = hopsOf( *data, tep );
+            const TepHops hops = hopsOf( selection, tep );
             for ( const Net::IpGenAddr& hop : hops.hops ) {
                 line["hops"].push_back( hop.toString() );
             }
@@ -146,7 +147,7 @@ int compute( Args args, const std::string& ) {
     if ( !teps.empty() ) {
         std::printf( "%-18s %-18s %s\n", "tep", "owner", "hops" );
         for ( const Net::IpGenAddr& tep : teps ) {
-            const TepHops hops = hopsOf( *data, tep );
+            const TepHops hops = hopsOf( selection, tep );
             std::printf( "%-18s %-18s %s\n", tep.toString().c_str(),
                          data->routerWithTepHas( tep )
                              ? data->routerWithTep( tep ).toString().c_str()

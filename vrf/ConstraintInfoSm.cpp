@@ -164,25 +164,39 @@ void ConstraintInfoSm::doRunCspf() {
 }
 
 void ConstraintInfoSm::updatePathStatusCache( const CspfData& cspfData ) {
-    // Publishing a path must not disturb the walk over the others.
-    const std::vector<PathInfoKey> keys = constraintInfo_->pathColl().keys();
-    // The paths of one run share most of their routers: each link's hop is
-    // looked up once.
-    HopCache hopCache;
-    for ( const PathInfoKey& key : keys ) {
-        const Platform::Ptr<PathStatusCache> cache =
+    // Every cache and owner first, then the hops: the lookups of one loop
+    // overlap, the publishers woken below never see a walk half done, and a
+    // path that leaves meanwhile takes its publisher with it, so its cache is
+    // refreshed for no one.
+    struct Path {
+        Platform::Ptr<PathStatusCache> cache;
+        uint32_t owner;
+    };
+    HopSelection selection( cspfData );
+    std::vector<Path> paths;
+    paths.reserve( constraintInfo_->paths() );
+    for ( const auto& [key, used] : constraintInfo_->pathColl() ) {
+        Platform::Ptr<PathStatusCache> cache =
             pathStatusCacheTable_->pathStatusCache( key );
         if ( !cache ) {
             TRACE5( "no PathStatusCache for " << key << ", skipping" );
             continue;
         }
-        const Net::IpGenAddr& tep = key.pathKey().destination;
-        Platform::Ptr<PathArray> path = Platform::create<PathArray>();
+        paths.push_back(
+            { std::move( cache ), selection.owner( key.pathKey().destination ) } );
+    }
+    for ( const auto& [cache, owner] : paths ) {
+        const Net::IpGenAddr& tep = cache->pathInfoKey().pathKey().destination;
+        Platform::Ptr<const PathArray> path;
         try {
-            const std::vector<Net::IpGenAddr> hops =
-                selectHops( cspfData, tep, cache->path().get(), &hopCache );
-            for ( size_t i = 0; i < hops.size(); ++i ) {
-                path->pathIs( HopIndex::fromWide( i ), hops[i] );
+            const std::vector<Net::IpGenAddr>& hops =
+                selection.hops( tep, owner, cache->path().get() );
+            // An array is never changed once a cache holds it, so the same
+            // hops keep the same array.
+            if ( cache->path() && cache->path()->pathColl() == hops ) {
+                path = cache->path();
+            } else {
+                path = Platform::create<PathArray>( hops );
             }
             if ( !hops.empty() ) {
                 TRACE5( "creating path with " << hops.size() << " hops for tep " << tep );

@@ -64,95 +64,124 @@ Net::IpGenAddr nexthopOnLink( const AllTopoDbView& view, const CspfLinkInfo& lin
     return neighbor.addr;
 }
 
-Net::IpGenAddr HopCache::hop( const AllTopoDbView& view, const Net::IpGenAddr& router,
-                              size_t index, size_t lastLinks, const CspfLinkInfo& link ) {
-    auto& hops = hops_[router];
-    if ( hops.size() != lastLinks ) {
-        hops.assign( lastLinks, std::nullopt );
-    }
-    if ( !hops[index] ) {
-        hops[index] = nexthopOnLink( view, link );
-    }
-    return *hops[index];
+HopSelection::HopSelection( const CspfData& cspfData )
+    : cspfData_( cspfData ),
+      view_( *cspfData.allTopoDbView() ),
+      tree_( cspfData.shortestPathColl() ),
+      source_( static_cast<uint32_t>( tree_.position( cspfData.source() ) ) ),
+      routers_( tree_.size() ) {
+    hops_.reserve( 16 );
 }
 
-std::vector<Net::IpGenAddr> selectHops( const CspfData& cspfData,
-                                        const Net::IpGenAddr& tep,
-                                        const PathArray* oldPath, HopCache* cache ) {
-    std::vector<Net::IpGenAddr> hops;
-    const Net::IpGenAddr owner = cspfData.routerWithTep( tep );
-    if ( owner.isAddrZero() ) {
-        TRACE5( "no path found for tep " << tep );
-        return hops;
+const HopSelection::Router& HopSelection::doRouter( uint32_t position ) {
+    // The run settles a router's last links' routers before the router, and
+    // only the source has no last link.
+    CSPF_ASSERT_AS( position < routers_.size(), "cspfPath && cspfPath->lastLinks()" );
+    Router& router = routers_[position];
+    if ( router.built ) {
+        return router;
     }
-    const AllTopoDbView& view = *cspfData.allTopoDbView();
-    hops.reserve( 16 );
+    const CspfPath& path = tree_.atPosition( position ).second;
+    CSPF_ASSERT_AS( path.lastLinks(), "cspfPath && cspfPath->lastLinks()" );
+    router.first = static_cast<uint32_t>( links_.size() );
+    router.count = static_cast<uint32_t>( path.lastLinks() );
+    for ( const auto& [key, lastLink] : path ) {
+        CSPF_ASSERT_AS( key.routerLink(), "lastLink.routerLink()" );
+        const size_t from = tree_.position( key.allTopoNeighborKey().teNeighborOf() );
+        links_.push_back( LastLink{
+            &lastLink, from < tree_.size() ? static_cast<uint32_t>( from ) : kNone, false,
+            Net::IpGenAddr() } );
+    }
+    router.built = true;
+    return router;
+}
+
+const Net::IpGenAddr& HopSelection::doHop( uint32_t link ) {
+    LastLink& lastLink = links_[link];
+    if ( !lastLink.resolved ) {
+        // A link whose records fail is tried again by the next path: it
+        // fails that path too, with the same error.
+        lastLink.hop = nexthopOnLink( view_, *lastLink.info );
+        lastLink.resolved = true;
+    }
+    return lastLink.hop;
+}
+
+uint32_t HopSelection::owner( const Net::IpGenAddr& tep ) const {
+    const Net::IpGenAddr* owner = cspfData_.routerWithTepFind( tep );
+    if ( !owner || owner->isAddrZero() ) {
+        return kNoOwner;
+    }
+    // A router the tree lacks is past the end, where the walk asserts.
+    return static_cast<uint32_t>( tree_.position( *owner ) );
+}
+
+const std::vector<Net::IpGenAddr>& HopSelection::hops( const Net::IpGenAddr& tep,
+                                                       const PathArray* oldPath ) {
+    return hops( tep, owner( tep ), oldPath );
+}
+
+const std::vector<Net::IpGenAddr>& HopSelection::hops( const Net::IpGenAddr& tep,
+                                                       uint32_t owner,
+                                                       const PathArray* oldPath ) {
+    hops_.clear();
+    if ( owner == kNoOwner ) {
+        TRACE5( "no path found for tep " << tep );
+        return hops_;
+    }
     // The old hop at the same distance from the TEP: the walk goes from the
     // TEP towards the source, the old list from the source towards the TEP.
     // The position moves at every step, whether or not it is used.
     const std::vector<Net::IpGenAddr>* old = oldPath ? &oldPath->pathColl() : nullptr;
     ptrdiff_t oldIndex = old ? static_cast<ptrdiff_t>( old->size() ) - 1 : -1;
-    Net::IpGenAddr router = owner;
-    while ( !( router == cspfData.source() ) ) {
-        const CspfPath* cspfPath = cspfData.shortestPathFind( router );
-        // The run settles a router's last links' routers before the router,
-        // and only the source has no last link.
-        CSPF_ASSERT( cspfPath && cspfPath->lastLinks() );
-        if ( hops.size() > HopIndex::max ) {
+    uint32_t position = owner;
+    while ( position != source_ ) {
+        if ( hops_.size() > HopIndex::max ) {
             HopIndex::throwRangeError();
         }
+        const Router& router = doRouter( position );
         const Net::IpGenAddr* oldHop =
             old && oldIndex >= 0 ? &( *old )[static_cast<size_t>( oldIndex )] : nullptr;
         --oldIndex;
-        for ( const auto& [key, lastLink] : *cspfPath ) {
-            CSPF_ASSERT_AS( key.routerLink(), "lastLink.routerLink()" );
-        }
 
-        const CspfLinkInfo* chosen = nullptr;
-        Net::IpGenAddr hop;
-        const size_t n = cspfPath->lastLinks();
-        auto hopOf = [&]( size_t index, const CspfLinkInfo& link ) {
-            return cache ? cache->hop( view, router, index, n, link )
-                         : nexthopOnLink( view, link );
-        };
-        if ( n == 1 ) {
-            chosen = &cspfPath->begin()->second;
-            hop = hopOf( 0, *chosen );
-        } else {
+        uint32_t chosen = router.first;
+        if ( router.count > 1 ) {
+            const Net::IpGenAddr& at = tree_.atPosition( position ).first;
+            bool retained = false;
             if ( oldHop ) {
-                size_t index = 0;
-                for ( const auto& [key, lastLink] : *cspfPath ) {
-                    const Net::IpGenAddr candidate = hopOf( index++, lastLink );
-                    if ( candidate == *oldHop ) {
-                        chosen = &lastLink;
-                        hop = candidate;
-                        break;
+                for ( uint32_t i = 0; i < router.count && !retained; ++i ) {
+                    if ( doHop( router.first + i ) == *oldHop ) {
+                        chosen = router.first + i;
+                        retained = true;
                     }
                 }
             }
-            if ( chosen ) {
-                TRACE7( "Retained old hop "
-                        << hop << " for " << router << " from "
-                        << chosen->cspfLinkInfoKey().allTopoNeighborKey().teNeighborOf()
-                        << " for TEP " << tep );
+            if ( retained ) {
+                TRACE7( "Retained old hop " << *oldHop << " for " << at << " from "
+                                            << links_[chosen]
+                                                   .info->cspfLinkInfoKey()
+                                                   .allTopoNeighborKey()
+                                                   .teNeighborOf()
+                                            << " for TEP " << tep );
             } else {
-                const size_t index = static_cast<size_t>( std::rand() ) % n;
-                auto it = cspfPath->begin();
-                std::advance( it, static_cast<ptrdiff_t>( index ) );
-                chosen = &it->second;
-                hop = hopOf( index, *chosen );
-                TRACE7( "Selecting index "
-                        << index << " among " << n << " links for " << router << " from "
-                        << chosen->cspfLinkInfoKey().allTopoNeighborKey().teNeighborOf()
-                        << " for TEP " << tep );
+                const uint32_t index =
+                    static_cast<uint32_t>( std::rand() ) % router.count;
+                chosen = router.first + index;
+                TRACE7( "Selecting index " << index << " among " << router.count
+                                           << " links for " << at << " from "
+                                           << links_[chosen]
+                                                  .info->cspfLinkInfoKey()
+                                                  .allTopoNeighborKey()
+                                                  .teNeighborOf()
+                                           << " for TEP " << tep );
             }
         }
-        hops.push_back( hop );
-        router = chosen->cspfLinkInfoKey().allTopoNeighborKey().teNeighborOf();
+        hops_.push_back( doHop( chosen ) );
+        position = links_[chosen].from;
     }
     // Collected from the TEP back; clients want the first hop first.
-    std::reverse( hops.begin(), hops.end() );
-    return hops;
+    std::reverse( hops_.begin(), hops_.end() );
+    return hops_;
 }
 
 }  // namespace Cspf

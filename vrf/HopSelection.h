@@ -1,7 +1,7 @@
 // Hop selection: the hops of one path, read off a finished CSPF run.
 //
 //  - nexthopOnLink  the address that traffic is sent to over one last link
-//  - selectHops     the walk from the router that owns a TEP back to the
+//  - HopSelection   the walk from the router that owns a TEP back to the
 //                   source, one last link per router, first hop first
 //
 // Among equal-cost last links the walk keeps the hop of the previous result
@@ -9,13 +9,12 @@
 // that results do not flap; otherwise it draws one with rand(), which this
 // system never seeds, over the collection's iteration order.
 //
-// Free functions, so that ConstraintInfoSm uses them on the agent's runs and
-// cspfctl compute on offline ones. Links are read in place through the view:
-// a hop costs a few lookups, not the decoding of a link record.
+// ConstraintInfoSm uses it on the agent's runs and cspfctl compute on offline
+// ones. Links are read in place through the view: a hop costs a few lookups,
+// not the decoding of a link record.
 #pragma once
 
-#include <optional>
-#include <unordered_map>
+#include <cstdint>
 #include <vector>
 
 #include "cspf/CspfData.h"
@@ -42,30 +41,60 @@ class HopSelectionError : public Platform::Error {
 // the records do not give one.
 Net::IpGenAddr nexthopOnLink( const AllTopoDbView& view, const CspfLinkInfo& linkInfo );
 
-// The hops from the source to the router that owns `tep` in `cspfData`,
-// first hop first; empty when no router owns it. `oldPath` is the previous
-// result of the same path (null for none), whose hops are kept where they are
-// still equal-cost choices. RangeError (the HopIndex text) for a path of more
-// than 1024 hops, HopSelectionError as nexthopOnLink.
-//
-// `cache`, when given, keeps the hop of every last link looked at, for the
-// other paths of the same run: paths to many TEPs share most of their
-// routers, and a link's hop is the same for all of them.
-class HopCache;
-std::vector<Net::IpGenAddr> selectHops( const CspfData& cspfData,
-                                        const Net::IpGenAddr& tep,
-                                        const PathArray* oldPath,
-                                        HopCache* cache = nullptr );
-
-// The hops of one run's last links, by settled router and position among
-// its last links. Valid for one CspfData only.
-class HopCache {
+// The hop selection of one finished run, for every path of it. The walks
+// share most of their routers, so each settled router's last links (their
+// hops and the routers they come from) are looked up once, on first use, and
+// kept by the router's position in the run's tree. Valid while `cspfData`
+// is.
+class HopSelection {
   public:
-    Net::IpGenAddr hop( const AllTopoDbView& view, const Net::IpGenAddr& router,
-                        size_t index, size_t lastLinks, const CspfLinkInfo& link );
+    explicit HopSelection( const CspfData& cspfData );
+
+    // The hops from the source to the router that owns `tep`, first hop
+    // first; empty when no router owns it. `oldPath` is the previous result
+    // of the same path (null for none), whose hops are kept where they are
+    // still equal-cost choices. RangeError (the HopIndex text) for a path of
+    // more than 1024 hops, HopSelectionError as nexthopOnLink. The list is
+    // the selection's own, valid until the next call.
+    const std::vector<Net::IpGenAddr>& hops( const Net::IpGenAddr& tep,
+                                             const PathArray* oldPath );
+
+    // The router that owns `tep`, as the walk starts from it: kNoOwner when
+    // no router owns it. Looking up the owners of many paths in a loop of
+    // their own lets the lookups overlap, where the walks would wait for
+    // each one.
+    static constexpr uint32_t kNoOwner = UINT32_MAX;
+    uint32_t owner( const Net::IpGenAddr& tep ) const;
+    // As hops( tep, oldPath ), from owner( tep ).
+    const std::vector<Net::IpGenAddr>& hops( const Net::IpGenAddr& tep, uint32_t owner,
+                                             const PathArray* oldPath );
 
   private:
-    std::unordered_map<Net::IpGenAddr, std::vector<std::optional<Net::IpGenAddr>>> hops_;
+    static constexpr uint32_t kNone = kNoOwner;
+
+    struct LastLink {
+        const CspfLinkInfo* info;
+        uint32_t from;  // the position of the router that advertises it
+        bool resolved = false;
+        Net::IpGenAddr hop;
+    };
+    // A settled router's last links in links_, in the path's order.
+    struct Router {
+        uint32_t first = 0;
+        uint32_t count = 0;
+        bool built = false;
+    };
+
+    const Router& doRouter( uint32_t position );
+    const Net::IpGenAddr& doHop( uint32_t link );
+
+    const CspfData& cspfData_;
+    const AllTopoDbView& view_;
+    const CspfData::ShortestPathMap& tree_;
+    const uint32_t source_;
+    std::vector<Router> routers_;
+    std::vector<LastLink> links_;
+    std::vector<Net::IpGenAddr> hops_;
 };
 
 }  // namespace Cspf

@@ -8,6 +8,13 @@
 
 namespace Cspf {
 
+PathArray::PathArray( const std::vector<Net::IpGenAddr>& hops ) {
+    if ( hops.size() > kMaxHops ) {
+        HopIndex::throwRangeError();
+    }
+    hops_ = hops;
+}
+
 Net::IpGenAddr PathArray::path( HopIndex index ) const {
     return index.value() < hops_.size() ? hops_[index.value()] : Net::IpGenAddr();
 }

@@ -22,6 +22,11 @@ class PathArray : public Platform::Entity {
     // Notified per index, with the index, like a keyed collection.
     static constexpr Platform::KeyTag<HopIndex> pathTag{};
 
+    PathArray() = default;
+    // The hops in order, at once: a new array has no one to tell. More than
+    // 1024 hops raise the HopIndex range error.
+    explicit PathArray( const std::vector<Net::IpGenAddr>& hops );
+
     // The hop at `index`; the unset address past the end.
     Net::IpGenAddr path( HopIndex index ) const;
     size_t length() const { return hops_.size(); }

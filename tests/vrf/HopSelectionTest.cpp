@@ -123,11 +123,7 @@ class HopSelectionTest : public ::testing::Test {
     // The hops to `tep` of a path whose previous result was `old`.
     std::vector<IpGenAddr> hopsAfter( const CspfData& data, const IpGenAddr& tep,
                                       const std::vector<IpGenAddr>& old ) {
-        Ptr<PathArray> path = create<PathArray>();
-        for ( size_t i = 0; i < old.size(); ++i ) {
-            path->pathIs( HopIndex::fromWide( i ), old[i] );
-        }
-        return selectHops( data, tep, path.get() );
+        return HopSelection( data ).hops( tep, create<PathArray>( old ).get() );
     }
     bool traced( const std::string& text ) const { return traces_.count( text ) > 0; }
 
@@ -154,15 +150,15 @@ TEST_F( HopSelectionTest, HopsAreFarEndsOrLanAddressesFirstHopFirst ) {
     ASSERT_EQ( to8.lastLinks(), 1u );
     EXPECT_EQ( to8.begin()->first.routerInNetwork(), te( 8 ) );
     EXPECT_EQ( nexthopOnLink( *data->allTopoDbView(), to8.begin()->second ), onLan( 8 ) );
-    EXPECT_EQ( selectHops( *data, te( 8 ), nullptr ),
+    EXPECT_EQ( HopSelection( *data ).hops( te( 8 ), nullptr ),
                std::vector<IpGenAddr>{ onLan( 8 ) } );
     // An address of 5 other than its router id: the same walk.
-    const std::vector<IpGenAddr> hops = selectHops( *data, te( 5 ), nullptr );
+    const std::vector<IpGenAddr> hops = HopSelection( *data ).hops( te( 5 ), nullptr );
     EXPECT_TRUE( hops == via2_ || hops == via3_ );
     EXPECT_EQ( hopsAfter( *data, p2p( 5, 2 ), hops ), hops );
     // Unreachable, and our own: no owner, no hops.
     for ( const IpGenAddr& tep : { te( 9 ), te( 1 ) } ) {
-        EXPECT_TRUE( selectHops( *data, tep, nullptr ).empty() );
+        EXPECT_TRUE( HopSelection( *data ).hops( tep, nullptr ).empty() );
         EXPECT_TRUE( traced( "no path found for tep " + tep.toString() + "\n" ) );
     }
 }
@@ -189,9 +185,9 @@ TEST_F( HopSelectionTest, EqualCostLinksKeepTheOldHopElseDrawWithRand ) {
                                     .teNeighborOf();
         std::srand( 11 );
         traces_.clear();
-        const std::vector<IpGenAddr> hops = withOld
-                                                ? hopsAfter( *data, te( 5 ), longer )
-                                                : selectHops( *data, te( 5 ), nullptr );
+        const std::vector<IpGenAddr> hops =
+            withOld ? hopsAfter( *data, te( 5 ), longer )
+                    : HopSelection( *data ).hops( te( 5 ), nullptr );
         EXPECT_EQ( hops, drawn == te( 2 ) ? via2_ : via3_ );
         EXPECT_TRUE( traced( "Selecting index " + std::to_string( index ) +
                              " among 2 links for " + te( 4 ).toString() + " from " +
@@ -199,6 +195,24 @@ TEST_F( HopSelectionTest, EqualCostLinksKeepTheOldHopElseDrawWithRand ) {
                              "\n" ) )
             << traces_.all();
         EXPECT_FALSE( traced( "Retained old hop" ) );
+    }
+}
+
+TEST_F( HopSelectionTest, OneSelectionServesEveryPathOfItsRun ) {
+    const Ptr<CspfData> data = run( { te( 5 ), p2p( 5, 2 ), te( 9 ), te( 10 ) } );
+    HopSelection selection( *data );
+    const Ptr<PathArray> old2 = create<PathArray>( via2_ );
+    const Ptr<PathArray> old3 = create<PathArray>( via3_ );
+    // What one path resolved does not decide another's choice.
+    EXPECT_EQ( selection.hops( te( 5 ), old2.get() ), via2_ );
+    EXPECT_EQ( selection.hops( te( 5 ), old3.get() ), via3_ );
+    EXPECT_EQ( selection.hops( p2p( 5, 2 ), old2.get() ), via2_ );
+    EXPECT_EQ( selection.owner( te( 9 ) ), HopSelection::kNoOwner );
+    EXPECT_TRUE( selection.hops( te( 9 ), nullptr ).empty() );
+    // A link whose records fail fails every path over it, and only those.
+    for ( int attempt = 0; attempt < 2; ++attempt ) {
+        EXPECT_THROW( selection.hops( te( 10 ), nullptr ), HopSelectionError );
+        EXPECT_EQ( selection.hops( te( 5 ), old3.get() ), via3_ );
     }
 }
 
@@ -237,7 +251,7 @@ TEST_F( HopSelectionTest, TopologiesThatCannotNameAHopAreRefusedNotFatal ) {
     Ptr<CspfData> data = run( { te( 8 ), te( 10 ) } );
     // 10 lists no address on the LAN the run crossed to reach it.
     try {
-        selectHops( *data, te( 10 ), nullptr );
+        HopSelection( *data ).hops( te( 10 ), nullptr );
         ADD_FAILURE() << "no error";
     } catch ( const HopSelectionError& e ) {
         EXPECT_NE( std::string( e.what() ).find( "\"neighbor.interfaceAddrs()\"" ),
@@ -246,7 +260,7 @@ TEST_F( HopSelectionTest, TopologiesThatCannotNameAHopAreRefusedNotFatal ) {
     }
     // 8's link to the LAN vanished between the run and the selection.
     writer_->neighborDel( NeighborKey::toNetwork( sys( 8 ), lan_ ) );
-    EXPECT_THROW( selectHops( *data, te( 8 ), nullptr ), HopSelectionError );
+    EXPECT_THROW( HopSelection( *data ).hops( te( 8 ), nullptr ), HopSelectionError );
 
     // A chain longer than a path may be: the HopIndex range error.
     for ( int n = 20; n < 20 + 1025; ++n ) {
@@ -254,9 +268,9 @@ TEST_F( HopSelectionTest, TopologiesThatCannotNameAHopAreRefusedNotFatal ) {
     }
     commit();
     data = run( { te( 1044 ), te( 1045 ) } );
-    EXPECT_EQ( selectHops( *data, te( 1044 ), nullptr ).size(), 1024u );
+    EXPECT_EQ( HopSelection( *data ).hops( te( 1044 ), nullptr ).size(), 1024u );
     try {
-        selectHops( *data, te( 1045 ), nullptr );
+        HopSelection( *data ).hops( te( 1045 ), nullptr );
         ADD_FAILURE() << "no error";
     } catch ( const Platform::RangeError& e ) {
         EXPECT_STREQ( e.what(),

@@ -120,6 +120,10 @@ TEST( VrfTables, PathArrayHoldsAtMost1024HopsAndNotifiesPerIndex ) {
                       "HopIndex::value < HopIndex::min or > HopIndex::max not allowed" );
     }
     EXPECT_EQ( array->length(), 1024u );
+    std::vector<IpGenAddr> hops = array->pathColl();
+    EXPECT_EQ( *Platform::create<PathArray>( hops ), *array );
+    hops.push_back( IpGenAddr( "10.9.9.9" ) );
+    EXPECT_THROW( Platform::create<PathArray>( hops ), Platform::RangeError );
 
     auto small = Platform::create<PathArray>();
     EXPECT_THROW( small->pathIs( HopIndex( 1 ), IpGenAddr( "10.0.0.1" ) ),
