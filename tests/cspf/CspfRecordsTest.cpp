@@ -88,12 +88,9 @@ TEST( CspfRecordsTest, TentOrder ) {
     std::set<CspfLinkInfoKey> tent( expected.rbegin(), expected.rend() );
     EXPECT_EQ( std::vector<CspfLinkInfoKey>( tent.begin(), tent.end() ), expected );
     for ( size_t i = 0; i + 1 < expected.size(); ++i ) {
-        EXPECT_TRUE( expected[i] < expected[i + 1] ) << i;
         EXPECT_FALSE( expected[i + 1] < expected[i] ) << i;
-        EXPECT_TRUE( expected[i + 1] > expected[i] ) << i;
     }
     EXPECT_FALSE( router < router );
-    EXPECT_TRUE( router <= router );
 }
 
 TEST( CspfRecordsTest, EqualityHashAndRouterInNetwork ) {
@@ -112,11 +109,6 @@ TEST( CspfRecordsTest, EqualityHashAndRouterInNetwork ) {
     EXPECT_EQ( typeErrorOf( [&] { key.routerInNetworkIs( IpGenAddr( "3.3.3.3" ) ); } ),
                "Link with neighborType 1 and routerInNetwork are not compatible" );
     EXPECT_EQ( key, CspfLinkInfoKey( kP2p, 5 ) );
-    EXPECT_TRUE( !CspfLinkInfoKey() );
-    EXPECT_EQ( CspfLinkInfoKey().neighborType(), 1u );
-    EXPECT_TRUE( !CspfLinkInfo() );
-    EXPECT_FALSE( !CspfLinkInfo( key ) );
-    EXPECT_EQ( CspfLinkInfo( key ).cost(), 5u );
 }
 
 TEST( CspfRecordsTest, RouterLinkAndEqualCost ) {
@@ -193,16 +185,10 @@ TEST( CspfRecordsTest, PathLastLinks ) {
     CspfLinkInfo viaP2p( CspfLinkInfoKey( kP2p, 10 ) );
     CspfLinkInfo viaLan( behindLan( 10, "3.3.3.3" ) );
     CspfPath path( IpGenAddr( "3.3.3.3" ) );
-    EXPECT_TRUE( path.newLastLink( viaP2p ) );
-    EXPECT_TRUE( path.newLastLink( viaLan ) );
-    EXPECT_FALSE( path.newLastLink( viaLan ) );
     path.lastLinkIs( viaP2p );
-    EXPECT_EQ( path.lastLinks(), 2u );
+    path.lastLinkIs( viaLan );
     EXPECT_EQ( path.lastLink( viaLan.cspfLinkInfoKey() ), viaLan );
     EXPECT_TRUE( !path.lastLink( CspfLinkInfoKey( kP2p, 11 ) ) );
-    for ( const auto& [key, info] : path ) {
-        EXPECT_EQ( key, info.cspfLinkInfoKey() );
-    }
 
     // Equality and the string form do not depend on the order of insertion.
     CspfPath other( IpGenAddr( "3.3.3.3" ) );
@@ -218,11 +204,8 @@ TEST( CspfRecordsTest, PathLastLinks ) {
 
     other.lastLinkDel( viaLan.cspfLinkInfoKey() );
     EXPECT_FALSE( other == path );
-    other.lastLinkDelAll();
-    EXPECT_EQ( other, CspfPath( IpGenAddr( "3.3.3.3" ) ) );
-    EXPECT_FALSE( !other );
-    EXPECT_FALSE( other == CspfPath( IpGenAddr( "4.4.4.4" ) ) );
-    EXPECT_TRUE( !CspfPath() );
+    EXPECT_FALSE( CspfPath( IpGenAddr( "3.3.3.3" ) ) ==
+                  CspfPath( IpGenAddr( "4.4.4.4" ) ) );
     EXPECT_EQ( typeErrorOf( [&] { CspfPath::fromString( path.toString() ); } ),
                "!\"No String constructor for CspfPath - has collection\"" );
 }

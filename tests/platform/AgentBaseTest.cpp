@@ -3,7 +3,6 @@
 // still reaches the agent; one framework per process.
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <memory>
 
 #include "platform/AgentBase.h"
@@ -11,6 +10,7 @@
 #include "platform/Inotify.h"
 #include "platform/StateTree.h"
 #include "tests/support/ByteRecord.h"
+#include "tests/support/TempDir.h"
 
 using namespace Platform;
 using AgentBase::Framework;
@@ -53,25 +53,16 @@ class TestAgent : public AgentBase::CAgent {
 
 class AgentBaseTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        char tmpl[] = "/dev/shm/agentbasetest-XXXXXX";
-        root_ = mkdtemp( tmpl );
-        tree_ = std::make_unique<StateTree>( root_ );
-    }
-    void TearDown() override { std::filesystem::remove_all( root_ ); }
-
-    std::string root_;
-    std::unique_ptr<StateTree> tree_;
+    TestKit::TempTree tmp_{ "agentbasetest" };
+    StateTree& tree_ = tmp_.tree;
 };
 
 TEST_F( AgentBaseTest, WithoutALoopTheMountsCompleteInsideStart ) {
     Inotify inotify( nullptr );
     {
-        Framework framework( *tree_, inotify, nullptr );
+        Framework framework( tree_, inotify, nullptr );
         EXPECT_EQ( Framework::current(), &framework );
         TestAgent agent( "Cspf" );
-        EXPECT_EQ( &agent.framework(), &framework );
-        EXPECT_EQ( agent.eventLoop(), nullptr );
         framework.start( agent );
         EXPECT_EQ( framework.agent(), &agent );
         EXPECT_TRUE( framework.mountsComplete() );
@@ -88,10 +79,9 @@ TEST_F( AgentBaseTest, WithoutALoopTheMountsCompleteInsideStart ) {
 TEST_F( AgentBaseTest, WithALoopTheMountsCompleteAtTheEndOfTheRound ) {
     EventLoop loop;
     Inotify inotify( &loop );
-    Framework framework( *tree_, inotify, &loop, "agents/one" );
+    Framework framework( tree_, inotify, &loop, "agents/one" );
     TestAgent agent( "Cspf" );
     EXPECT_EQ( agent.agentRoot(), "agents/one" );
-    EXPECT_EQ( agent.eventLoop(), &loop );
     framework.start( agent );
     EXPECT_EQ( agent.inits, 1 );
     EXPECT_EQ( agent.completions, 0 );
@@ -105,10 +95,10 @@ TEST_F( AgentBaseTest, WithALoopTheMountsCompleteAtTheEndOfTheRound ) {
 }
 
 TEST_F( AgentBaseTest, AFailedReadMountReachesTheAgentWithItsPath ) {
-    create<OtherWriter>( *tree_, nullptr, "te/config" )->valueIs( 1 );
+    create<OtherWriter>( tree_, nullptr, "te/config" )->valueIs( 1 );
     EventLoop loop;
     Inotify inotify( &loop );
-    Framework framework( *tree_, inotify, &loop );
+    Framework framework( tree_, inotify, &loop );
     TestAgent agent( "Cspf" );
     framework.start( agent );
     loop.runOnce( 0 );
@@ -124,7 +114,7 @@ TEST_F( AgentBaseTest, ACompletionLeftOnTheLoopFindsNobody ) {
     EventLoop loop;
     Inotify inotify( &loop );
     {
-        Framework framework( *tree_, inotify, &loop );
+        Framework framework( tree_, inotify, &loop );
         auto agent = std::make_unique<TestAgent>( "Cspf" );
         framework.start( *agent );
         agent.reset();
@@ -133,7 +123,7 @@ TEST_F( AgentBaseTest, ACompletionLeftOnTheLoopFindsNobody ) {
         EXPECT_TRUE( framework.mountsComplete() );
     }
     {
-        Framework framework( *tree_, inotify, &loop );
+        Framework framework( tree_, inotify, &loop );
         TestAgent agent( "Cspf" );
         framework.start( agent );
     }
@@ -145,8 +135,8 @@ using AgentBaseDeathTest = AgentBaseTest;
 TEST_F( AgentBaseDeathTest, OneFrameworkAtATimeAndAgentsNeedOne ) {
     Inotify inotify( nullptr );
     EXPECT_DEATH( TestAgent( "Cspf" ), "framework_ != nullptr" );
-    Framework framework( *tree_, inotify, nullptr );
-    EXPECT_DEATH( Framework( *tree_, inotify, nullptr ), "currentFramework == nullptr" );
+    Framework framework( tree_, inotify, nullptr );
+    EXPECT_DEATH( Framework( tree_, inotify, nullptr ), "currentFramework == nullptr" );
     TestAgent agent( "Cspf" );
     framework.start( agent );
     EXPECT_DEATH( framework.start( agent ), "!started_" );

@@ -20,17 +20,20 @@ struct Node {
     }
 };
 
-TEST( DumpContext, IndentationRuleAndChildren ) {
+TEST( DumpContext, IndentationRuleChildrenAndLongLines ) {
     Node leaf{ "leaf", {} };
     Node mid{ "mid", { &leaf } };
     Node root{ "root", { &mid, &leaf } };
+    const std::string big( 3000, 'x' );
     EXPECT_EQ( TestKit::dumpWith( [&]( DumpContext& ctx ) {
                    ctx.dumpDuplicatesIs( true );
                    ObjDumpChild( &root, ctx, 0 );
                    objDumpLine( ctx, 3, "%s: %s%s\n", "Last Updated ", "1.5s", " ago\n" );
+                   objDumpPrintf( ctx, "%s\n", big.c_str() );  // long lines are not cut
                } ),
                "Node root\n  Node mid\n    Node leaf\n  Node leaf\n"
-               "   Last Updated : 1.5s ago\n\n" );
+               "   Last Updated : 1.5s ago\n\n" +
+                   big + "\n" );
 }
 
 TEST( DumpContext, DuplicatesSkippedUnlessAskedForAndLimitsHold ) {
@@ -49,14 +52,6 @@ TEST( DumpContext, DuplicatesSkippedUnlessAskedForAndLimitsHold ) {
                    },
                    2, 20 ),
                "Node deep\n  Node roo" );
-}
-
-TEST( DumpContext, LongLinesAreNotCut ) {
-    std::string big( 3000, 'x' );
-    EXPECT_EQ( TestKit::dumpWith( [&]( DumpContext& ctx ) {
-                   objDumpPrintf( ctx, "%s\n", big.c_str() );
-               } ),
-               big + "\n" );
 }
 
 }  // namespace

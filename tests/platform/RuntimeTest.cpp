@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "platform/Attribute.h"
-#include "platform/Error.h"
 
 using namespace Platform;
 
@@ -130,55 +129,44 @@ TEST( Runtime, EntityCollectionFindsOrCreatesAndInitializesOnce ) {
     EXPECT_EQ( c1->refCount(), 1u );  // only our Ptr is left
 }
 
-TEST( Runtime, HandlerMayDeleteTheReactorBeingNotified ) {
-    auto s = create<Sensor>();
-    std::vector<std::string> log;
-    Ptr<Watcher> w1 = create<Watcher>( s.get(), &log, "w1" );
-    Ptr<Watcher> w2 = create<Watcher>( s.get(), &log, "w2" );
+using Log = std::vector<std::string>;
+
+class RuntimeReentry : public ::testing::Test {
+  protected:
+    Ptr<Watcher> watcher( const std::string& name ) {
+        return create<Watcher>( s.get(), &log, name );
+    }
+    // The calls that a change of level makes.
+    Log levelIs( int level ) {
+        log.clear();
+        s->levelIs( level );
+        return log;
+    }
+    Ptr<Sensor> s = create<Sensor>();
+    Log log;
+};
+
+TEST_F( RuntimeReentry, HandlersMayDeleteReactorsBeingNotified ) {
+    Ptr<Watcher> w1 = watcher( "w1" ), w2 = watcher( "w2" ), w3 = watcher( "w3" );
     w1->onLevel = [&] { w1.reset(); };  // w1 holds the only reference
-    log.clear();
-    s->levelIs( 1 );
-    EXPECT_EQ( log, ( std::vector<std::string>{ "w1:level", "w2:level" } ) );
-    log.clear();
-    s->levelIs( 2 );
-    EXPECT_EQ( log, ( std::vector<std::string>{ "w2:level" } ) );
+    EXPECT_EQ( levelIs( 1 ), ( Log{ "w1:level", "w2:level", "w3:level" } ) );
+    w2->onLevel = [&] { w3.reset(); };  // a sibling not yet called
+    EXPECT_EQ( levelIs( 2 ), ( Log{ "w2:level" } ) );
 }
 
-TEST( Runtime, DeletedSiblingIsNeverCalledAgain ) {
-    auto s = create<Sensor>();
-    std::vector<std::string> log;
-    Ptr<Watcher> w1 = create<Watcher>( s.get(), &log, "w1" );
-    Ptr<Watcher> w2 = create<Watcher>( s.get(), &log, "w2" );
-    Ptr<Watcher> w3 = create<Watcher>( s.get(), &log, "w3" );
-    w1->onLevel = [&] { w2.reset(); };
-    log.clear();
-    s->levelIs( 1 );
-    EXPECT_EQ( log, ( std::vector<std::string>{ "w1:level", "w3:level" } ) );
-}
-
-TEST( Runtime, ReactorCreatedDuringNotificationIsNotCalledForIt ) {
-    auto s = create<Sensor>();
-    std::vector<std::string> log;
-    Ptr<Watcher> w1 = create<Watcher>( s.get(), &log, "w1" );
-    Ptr<Watcher> late;
+TEST_F( RuntimeReentry, ReactorCreatedDuringNotificationIsNotCalledForIt ) {
+    Ptr<Watcher> w1 = watcher( "w1" ), late;
     w1->onLevel = [&] {
         if ( !late ) {
-            late = create<Watcher>( s.get(), &log, "late" );
+            late = watcher( "late" );
         }
     };
-    log.clear();
-    s->levelIs( 1 );
-    EXPECT_EQ( log, ( std::vector<std::string>{ "w1:level", "late:init" } ) );
-    log.clear();
-    s->levelIs( 2 );
-    EXPECT_EQ( log, ( std::vector<std::string>{ "w1:level", "late:level" } ) );
+    EXPECT_EQ( levelIs( 1 ), ( Log{ "w1:level", "late:init" } ) );
+    EXPECT_EQ( levelIs( 2 ), ( Log{ "w1:level", "late:level" } ) );
 }
 
-TEST( Runtime, HandlerMayDeleteTheNotifier ) {
-    Ptr<Sensor> s = create<Sensor>();
-    std::vector<std::string> log;
-    Ptr<Watcher> w1 = create<Watcher>( s.get(), &log, "w1" );
-    Ptr<Watcher> w2 = create<Watcher>( s.get(), &log, "w2" );
+TEST_F( RuntimeReentry, HandlerMayDeleteTheNotifier ) {
+    Ptr<Watcher> w1 = watcher( "w1" ), w2 = watcher( "w2" );
     // The watchers hold the sensor; dropping both them and our Ptr deletes it
     // in the middle of its own notification.
     w1->onLevel = [&] {
@@ -186,10 +174,7 @@ TEST( Runtime, HandlerMayDeleteTheNotifier ) {
         w2.reset();
         w1.reset();
     };
-    log.clear();
-    Sensor* raw = s.get();
-    raw->levelIs( 9 );
-    EXPECT_EQ( log, ( std::vector<std::string>{ "w1:level" } ) );
+    EXPECT_EQ( levelIs( 9 ), ( Log{ "w1:level" } ) );
 }
 
 TEST( Runtime, NestedNotificationAndManyWatchers ) {
@@ -231,14 +216,3 @@ TEST( Runtime, SubscriptionOutlivesItsNotifier ) {
 }
 
 }  // namespace
-
-TEST( Runtime, ValidPtrRefusesNothing ) {
-    try {
-        ValidPtr<Sensor> p( static_cast<Sensor*>( nullptr ) );
-        FAIL() << "accepted a null pointer";
-    } catch ( const RangeError& e ) {
-        EXPECT_STREQ( e.what(), "null ValidPtr" );
-    }
-    ValidPtr<Sensor> ok( create<Sensor>() );
-    EXPECT_EQ( ok->refCount(), 1u );
-}

@@ -113,40 +113,30 @@ TEST( StateTree, ModesHoldWhateverTheUmask ) {
     umask( savedMask );
 }
 
-// A tree with tables at several depths and one of everything else.
-struct Layout {
+TEST( StateTree, ListsOnlyTablesInPathOrderAndRemovesNothingElse ) {
+    // Tables at several depths and one of everything else.
     TempDir tmp;
-    StateTree tree{ tmp.path() };
-    Layout() {
-        const std::string r = tree.root();
-        const std::string table = std::string( StateTree::kTableMagic ) + "payload";
-        for ( const char* dir : { "a/b/c", "a-x", ".hidden" } ) {
-            tree.makeDirectory( dir );
-        }
-        for ( const char* t :
-              { "z", "a/t1", "a/b/t2", "a/b/c/t3", "a-x/t", ".hidden/t", "a/.t1.tmp" } ) {
-            writeFile( r + "/" + t, table );
-        }
-        writeFile( r + "/a/junk", "hello, not a table" );
-        writeFile( r + "/a/short", "CSPF" );
-        symlink( ( r + "/a/t1" ).c_str(), ( r + "/a/link" ).c_str() );
-        symlink( ( r + "/a/b" ).c_str(), ( r + "/linkdir" ).c_str() );
-        mkfifo( ( r + "/a/fifo" ).c_str(), 0600 );
-        sock = socket( AF_UNIX, SOCK_STREAM, 0 );
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        std::strncpy( addr.sun_path, ( r + "/a/sock" ).c_str(),
-                      sizeof( addr.sun_path ) - 1 );
-        EXPECT_EQ( bind( sock, reinterpret_cast<sockaddr*>( &addr ), sizeof( addr ) ),
-                   0 );
+    StateTree tree( tmp.path() );
+    const std::string r = tree.root();
+    const std::string table = std::string( StateTree::kTableMagic ) + "payload";
+    for ( const char* dir : { "a/b/c", "a-x", ".hidden" } ) {
+        tree.makeDirectory( dir );
     }
-    ~Layout() { close( sock ); }
-    int sock = -1;
-};
+    for ( const char* t :
+          { "z", "a/t1", "a/b/t2", "a/b/c/t3", "a-x/t", ".hidden/t", "a/.t1.tmp" } ) {
+        writeFile( r + "/" + t, table );
+    }
+    writeFile( r + "/a/junk", "hello, not a table" );
+    writeFile( r + "/a/short", "CSPF" );
+    symlink( ( r + "/a/t1" ).c_str(), ( r + "/a/link" ).c_str() );
+    symlink( ( r + "/a/b" ).c_str(), ( r + "/linkdir" ).c_str() );
+    mkfifo( ( r + "/a/fifo" ).c_str(), 0600 );
+    const int sock = socket( AF_UNIX, SOCK_STREAM, 0 );
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strncpy( addr.sun_path, ( r + "/a/sock" ).c_str(), sizeof( addr.sun_path ) - 1 );
+    ASSERT_EQ( bind( sock, reinterpret_cast<sockaddr*>( &addr ), sizeof( addr ) ), 0 );
 
-TEST( StateTree, ListsOnlyTablesInPathOrder ) {
-    Layout l;
-    StateTree& tree = l.tree;
     // '-' sorts before '/': the list is ordered by path, not by walk.
     EXPECT_EQ( tree.listTables( "" ),
                ( Names{ "a-x/t", "a/b/c/t3", "a/b/t2", "a/t1", "z" } ) );
@@ -154,22 +144,16 @@ TEST( StateTree, ListsOnlyTablesInPathOrder ) {
     EXPECT_EQ( tree.listTables( "z" ), ( Names{ "z" } ) );
     EXPECT_TRUE( tree.listTables( "missing/dir" ).empty() );
     EXPECT_TRUE( tree.listTables( "linkdir" ).empty() );
-
     EXPECT_EQ( tree.listDirectory( "" ), ( Names{ "a", "a-x", "z" } ) );
     EXPECT_EQ( tree.listDirectory( "a" ), ( Names{ "b", "t1" } ) );
     EXPECT_TRUE( tree.listDirectory( "missing" ).empty() );
     EXPECT_TRUE( tree.exists( "a/sock" ) );
     EXPECT_FALSE( tree.exists( "a/nothing" ) );
-}
 
-TEST( StateTree, RemovesTablesAndNothingElse ) {
-    Layout l;
-    StateTree& tree = l.tree;
     EXPECT_TRUE( tree.removeTable( "a/t1" ) );
     EXPECT_FALSE( tree.exists( "a/t1" ) );
     EXPECT_FALSE( tree.removeTable( "a/t1" ) );
     EXPECT_FALSE( tree.removeTable( "never/was" ) );
-
     for ( const char* notTable : { "a/b", "a/junk", "a/link", "a/sock", "a/fifo" } ) {
         try {
             tree.removeTable( notTable );
@@ -179,6 +163,7 @@ TEST( StateTree, RemovesTablesAndNothingElse ) {
         }
         EXPECT_TRUE( tree.exists( notTable ) ) << notTable;
     }
+    close( sock );
 }
 
 }  // namespace

@@ -30,5 +30,4 @@ TEST( Syslog, SinkReceivesIdentifierAndFormattedText ) {
     EXPECT_EQ( got[1].second.size(), Syslog::kMaxTextBytes );
     EXPECT_EQ( got[1].second.substr( got[1].second.size() - 4 ), "x..." );
     EXPECT_EQ( Syslog::sent() - before, 2u );
-    EXPECT_STREQ( CSPF_TEST_MESSAGE.summary, "A message for the tests" );
 }

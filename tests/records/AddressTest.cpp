@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <set>
 #include <unordered_set>
 #include <vector>
 
@@ -83,7 +82,6 @@ TEST( IpGenAddr, HostOrderValueAndRecordBytes ) {
     IpGenAddr addr = IpGenAddr::v4( 0x0a000001 );
     EXPECT_EQ( addr, IpGenAddr( "10.0.0.1" ) );
     EXPECT_EQ( addr.v4Value(), 0x0a000001u );
-    EXPECT_EQ( addr.af(), AddressFamily::ipv4 );
     uint8_t raw[20];
     std::memcpy( raw, &addr, sizeof( raw ) );
     const uint8_t expected[20] = { 1, 0, 0, 0, 10, 0, 0, 1 };

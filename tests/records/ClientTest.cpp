@@ -1,50 +1,41 @@
 // Client registrations: the table form, what the agent reads of it, and the
 // table paths built from a client's name.
 #include <gtest/gtest.h>
-#include <stdlib.h>
-
-#include <cstring>
-#include <filesystem>
 
 #include "platform/Error.h"
-#include "platform/StateTree.h"
 #include "records/AgentStatus.h"
 #include "records/Client.h"
+#include "tests/support/TempDir.h"
 
 using namespace Cspf;
 
 TEST( Client, RegistrationListsVrfsAndFamiliesPerEntry ) {
-    char tmpl[] = "/dev/shm/clienttest-XXXXXX";
-    const std::string root = mkdtemp( tmpl );
-    {
-        Platform::StateTree tree( root );
-        auto writer =
-            Platform::create<ClientWriter>( tree, nullptr, clientPath( "rsvp" ) );
-        auto client = Platform::create<Client>( tree, nullptr, clientPath( "rsvp" ) );
-        std::vector<ClientEntry> changed;
-        auto sub = Platform::subscribe(
-            client.get(), Client::recordTag,
-            [&]( const ClientEntry& e ) { changed.push_back( e ); } );
-        writer->vrfIs( L3::VrfName( "red" ) );
-        writer->vrfIs( L3::VrfName() );
-        writer->addressFamilyIs( Net::AddressFamily::ipv4 );
-        client->sync();
-        EXPECT_EQ( client->name(), "rsvp" );
-        EXPECT_EQ( changed.size(), 3u );
-        EXPECT_TRUE( client->vrf( L3::VrfName( "red" ) ) );
-        EXPECT_FALSE( client->addressFamily( Net::AddressFamily::ipv6 ) );
-        EXPECT_EQ( client->toString(),
-                   "Value('Cspf::Client', ** {'name': rsvp, 'vrf': [default, red], "
-                   "'addressFamily': [ipv4]})" );
+    TestKit::TempTree tmp( "clienttest" );
+    Platform::StateTree& tree = tmp.tree;
+    auto writer = Platform::create<ClientWriter>( tree, nullptr, clientPath( "rsvp" ) );
+    auto client = Platform::create<Client>( tree, nullptr, clientPath( "rsvp" ) );
+    std::vector<ClientEntry> changed;
+    auto sub =
+        Platform::subscribe( client.get(), Client::recordTag,
+                             [&]( const ClientEntry& e ) { changed.push_back( e ); } );
+    writer->vrfIs( L3::VrfName( "red" ) );
+    writer->vrfIs( L3::VrfName() );
+    writer->addressFamilyIs( Net::AddressFamily::ipv4 );
+    client->sync();
+    EXPECT_EQ( client->name(), "rsvp" );
+    EXPECT_EQ( changed.size(), 3u );
+    EXPECT_TRUE( client->vrf( L3::VrfName( "red" ) ) );
+    EXPECT_FALSE( client->addressFamily( Net::AddressFamily::ipv6 ) );
+    EXPECT_EQ( client->toString(),
+               "Value('Cspf::Client', ** {'name': rsvp, 'vrf': [default, red], "
+               "'addressFamily': [ipv4]})" );
 
-        changed.clear();
-        writer->vrfDel( L3::VrfName( "red" ) );
-        client->sync();
-        ASSERT_EQ( changed.size(), 1u );
-        EXPECT_EQ( changed[0], ClientEntry::ofVrf( L3::VrfName( "red" ) ) );
-        EXPECT_FALSE( client->vrf( L3::VrfName( "red" ) ) );
-    }
-    std::filesystem::remove_all( root );
+    changed.clear();
+    writer->vrfDel( L3::VrfName( "red" ) );
+    client->sync();
+    ASSERT_EQ( changed.size(), 1u );
+    EXPECT_EQ( changed[0], ClientEntry::ofVrf( L3::VrfName( "red" ) ) );
+    EXPECT_FALSE( client->vrf( L3::VrfName( "red" ) ) );
 }
 
 TEST( Client, BadEntriesAndNamesAreRefused ) {

@@ -1,15 +1,14 @@
-// Constraint dedup: shared handles, their end, the content hash and the
-// string form's errors.
+// Constraint dedup: the table's own life, the end of a handle, the content
+// hash and the string form's errors. Sharing among equal constraints is
+// VrfTablesTest's, through the notifiee that keeps per-constraint state.
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <map>
 #include <new>
 #include <string>
 #include <vector>
 
 #include "platform/Error.h"
-#include "records/PathKey.h"
 #include "root/DedupConstraintTable.h"
 
 using namespace Cspf;
@@ -45,29 +44,6 @@ struct Recorder : DedupConstraintTableNotifiee {
     std::vector<const void*> inserted, removed;
     int stops = 0;
 };
-
-TEST( DedupConstraint, EqualConstraintsShareOneHandleUntilTheLastHolderGoes ) {
-    Recorder rec;
-    auto table = Platform::create<DedupConstraintTable>();
-    table->dedupTableNotifieeIs( &rec );
-    std::map<PathKey, Ptr<DedupConstraint>> requests;
-    PathKey toA( Net::IpGenAddr( "10.0.0.1" ), 1 ),
-        toB( Net::IpGenAddr( "10.0.0.2" ), 1 );
-    requests[toA] = table->dedup( excluding( "Ethernet1" ) );
-    requests[toB] = table->dedup( excluding( "Ethernet1" ) );
-    Ptr<DedupConstraint> other = table->dedup( excluding( "Ethernet2" ) );
-    const DedupConstraint* shared = requests[toA].get();
-    EXPECT_EQ( requests[toB].get(), shared );
-    EXPECT_NE( other.get(), shared );
-    EXPECT_EQ( rec.inserted.size(), 2u );
-
-    requests.erase( toA );
-    EXPECT_EQ( table->size(), 2u );
-    EXPECT_TRUE( rec.removed.empty() );
-    requests.erase( toB );
-    EXPECT_EQ( table->size(), 1u );
-    EXPECT_EQ( rec.removed, ( std::vector<const void*>{ shared } ) );
-}
 
 TEST( DedupConstraint, TableSurvivesANotifieeDroppingItDuringDedup ) {
     struct Dropper : Recorder {

@@ -1,25 +1,33 @@
 // cspfctl as operators run it: compute and topo show on the example and on a
-// topology with faults, and the exit statuses of bad invocations.
+// topology with faults, the exit statuses of bad invocations, the diagnostic
+// commands against a stand-in agent, and (CtlStateTest) the agent's state:
+// there the test plays the agent, reading what cspfctl wrote through the
+// agent's own readers and publishing results through its status writer.
 #include <gtest/gtest.h>
-#include <stdio.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cstring>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <future>
+#include <nlohmann/json.hpp>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "platform/CommandChannel.h"
+#include "platform/Entity.h"
 #include "platform/EventLoop.h"
+#include "records/AgentStatus.h"
+#include "records/Client.h"
+#include "records/CspfCliConfig.h"
+#include "records/PathTables.h"
+#include "records/TeConfig.h"
 #include "tests/support/Program.h"
+#include "tests/support/ScenarioTopology.h"
+#include "tests/support/TempDir.h"
 
 namespace {
 
@@ -32,6 +40,27 @@ using CtlRun = TestKit::ProgramRun;
 // Runs cspfctl with `args` (stderr folded into the output).
 CtlRun cspfctl( const std::string& args ) {
     return TestKit::runShell( std::string( CSPFCTL_PATH ) + " " + args + " 2>&1" );
+}
+
+CtlRun ctl( const std::string& root, const std::string& args ) {
+    return cspfctl( "--root " + root + " " + args );
+}
+
+// A refusal: the given status and one line "cspfctl: ...".
+void expectRefused( const std::string& args, int status = 2 ) {
+    const CtlRun run = cspfctl( args );
+    EXPECT_EQ( run.status, status ) << args << ": " << run.out;
+    EXPECT_EQ( run.out.rfind( "cspfctl: ", 0 ), 0u ) << args << ": " << run.out;
+    EXPECT_EQ( run.out.find( '\n' ), run.out.size() - 1 ) << args << ": " << run.out;
+}
+
+std::vector<std::string> lines( const std::string& text ) {
+    std::vector<std::string> out;
+    std::istringstream in( text );
+    for ( std::string line; std::getline( in, line ); ) {
+        out.push_back( line );
+    }
+    return out;
 }
 
 const std::string kExample = ( repoRoot() / "examples" / "topology.json" ).string();
@@ -85,42 +114,29 @@ TEST( CspfctlTest, BadInvocationsExitTwoWithOneLine ) {
               "compute --topology " + kExample + " --source 10.0.0.1 --exclude a/b/c/d/e",
               std::string( "compute --topology /nonexistent.json --source 10.0.0.1" ),
               std::string( "compute" ), std::string( "topo frobnicate" ) } ) {
-        const CtlRun run = cspfctl( args );
-        EXPECT_EQ( run.status, 2 ) << args << ": " << run.out;
-        EXPECT_EQ( run.out.rfind( "cspfctl: ", 0 ), 0u ) << args << ": " << run.out;
-        EXPECT_EQ( run.out.find( '\n' ), run.out.size() - 1 ) << args << ": " << run.out;
+        expectRefused( args );
     }
 }
 
 TEST( CspfctlTest, TopoShowTellsWhyALinkIsNotUsable ) {
-    char tmpl[] = "/dev/shm/cspfctltest-XXXXXX";
-    const std::string dir = mkdtemp( tmpl );
-    const std::string file = dir + "/faulty.json";
-    std::ofstream( file ) << R"({ "format": "cspf-topology/1",
-      "routers": [
-        { "name": "a", "systemId": "0000.0000.0001", "teRouterId": "10.0.0.1", "levels": [2] },
-        { "name": "b", "systemId": "0000.0000.0002", "teRouterId": "10.0.0.2", "levels": [2] },
-        { "name": "c", "systemId": "0000.0000.0003", "teRouterId": "10.0.0.3", "levels": [2],
-          "overload": true } ],
-      "links": [
-        { "level": 2, "ends": [
-          { "router": "a", "interface": "Ethernet1", "ipv4": "10.1.0.0/31", "metric": 10 },
-          { "router": "b", "interface": "Ethernet1", "ipv4": "10.1.0.1/31", "metric": 10,
-            "neighborAddress": "10.1.0.7" } ] },
-        { "level": 2, "ends": [
-          { "router": "a", "interface": "Ethernet2", "ipv4": "10.2.0.0/31", "metric": 10 },
-          { "router": "c", "interface": "Ethernet1", "ipv4": "10.2.0.1/31", "metric": 10 } ] },
-        { "level": 2, "ends": [
-          { "router": "b", "interface": "Ethernet2", "ipv4": "10.3.0.0/31", "metric": 10 },
-          { "router": "c", "interface": "Ethernet2", "ipv4": "10.3.0.1/31", "metric": 10,
-            "record": false } ] } ] })";
-    const CtlRun load = cspfctl( "--root " + dir + "/tree topo load " + file );
+    // r1-r2 fails the two-way check, r3 is overloaded, r3's end of r2-r3 has no
+    // record.
+    TestKit::ScenarioTopology faulty;
+    faulty.link( 2, "r1:Ethernet1", "r2:Ethernet1", "10.1.0.0" )
+        .link( 2, "r1:Ethernet2", "r3:Ethernet1", "10.2.0.0" )
+        .link( 2, "r2:Ethernet2", "r3:Ethernet2", "10.3.0.0" );
+    faulty.t.links[0].ends[1].neighborAddress4 = Net::IpGenAddr( "10.1.0.7" );
+    faulty.t.links[2].ends[1].record = false;
+    faulty.t.routers[2].overload = true;
+    const TestKit::TempDir dir( "cspfctltest" );
+    const std::string file = dir / "faulty.json";
+    std::ofstream( file ) << faulty.json();
+    const CtlRun load = cspfctl( "--root " + dir / "tree" + " topo load " + file );
     ASSERT_EQ( load.status, 0 ) << load.out;
-    const CtlRun tree = cspfctl( "--root " + dir + "/tree topo show" );
+    const CtlRun tree = cspfctl( "--root " + dir / "tree" + " topo show" );
     const CtlRun offline = cspfctl( "topo show --topology " + file );
-    const CtlRun none = cspfctl( "--root " + dir + "/none topo show" );
-    EXPECT_FALSE( std::filesystem::exists( dir + "/none" ) );
-    std::filesystem::remove_all( dir );
+    const CtlRun none = cspfctl( "--root " + dir / "none" + " topo show" );
+    EXPECT_FALSE( std::filesystem::exists( dir / "none" ) );
     EXPECT_EQ( none.status, 1 ) << none.out;
     ASSERT_EQ( tree.status, 0 ) << tree.out;
     EXPECT_EQ( tree.out, offline.out );
@@ -130,23 +146,17 @@ TEST( CspfctlTest, TopoShowTellsWhyALinkIsNotUsable ) {
             "  not usable: isisL2 0000.0000.0001 -> 0000.0000.0002 link 1 (fails the "
             "two-way check)\n",
             "router 10.0.0.3 isisL2:0000.0000.0003 overload\n",
-            "  not usable: isisL2 0000.0000.0003 -> 0000.0000.0001 link 2 (overloaded: "
-            "no "
-            "transit)\n",
+            "  not usable: isisL2 0000.0000.0003 -> 0000.0000.0001 link 2 "
+            "(overloaded: no transit)\n",
             "  not usable: isisL2 0000.0000.0003 -> 0000.0000.0002 link 3 (no link "
             "record)\n" } ) {
         EXPECT_NE( tree.out.find( expected ), std::string::npos ) << tree.out;
     }
 }
 
-}  // namespace
-
-namespace {
-
 TEST( CspfctlTest, EditsRewriteOnlyWhatChangesAndRefuseWhatIsWrong ) {
-    char tmpl[] = "/dev/shm/cspfctltest-XXXXXX";
-    const std::string dir = mkdtemp( tmpl );
-    const std::string root = "--root " + dir + " ";
+    const TestKit::TempDir dir( "cspfctltest" );
+    const std::string root = "--root " + dir.path() + " ";
     EXPECT_EQ( cspfctl( root + "topo link down r1 Ethernet1" ).status,
                2 );  // nothing loaded
     ASSERT_EQ( cspfctl( root + "topo load " + kExample ).status, 0 );
@@ -178,8 +188,7 @@ TEST( CspfctlTest, EditsRewriteOnlyWhatChangesAndRefuseWhatIsWrong ) {
               "topo overload r9 on", "topo router del r5",
               "intf set Ethernet1 --ipv4 10.0.0.1",
               "intf set Ethernet1 --ipv4 2001:db8::1/64", "intf del Ethernet7" } ) {
-        const CtlRun run = cspfctl( root + bad );
-        EXPECT_EQ( run.status, 2 ) << bad << ": " << run.out;
+        expectRefused( root + bad );
     }
     ASSERT_EQ( cspfctl( root + "intf set Ethernet1 --ipv4 10.1.12.0/31 --secondary "
                                "10.9.9.1/24 --ipv6 2001:db8:12::1/64" )
@@ -190,51 +199,30 @@ TEST( CspfctlTest, EditsRewriteOnlyWhatChangesAndRefuseWhatIsWrong ) {
         "Ethernet1 ipv4 10.1.12.0/31 secondary 10.9.9.1/24 ipv6 2001:db8:12::1/64\n" );
     EXPECT_EQ( cspfctl( root + "intf del Ethernet1" ).status, 0 );
     EXPECT_EQ( cspfctl( root + "intf show" ).out, "" );
-    std::filesystem::remove_all( dir );
 }
 
-}  // namespace
-
-namespace {
-
-// Stands in for the agent's handlers: answers what `answer` makes of the text.
-class AnswerCallback : public Platform::AgentCommandCallback {
+// Stands in for the agent's handlers: answers "\n[<text>]", without a final
+// newline, as the agent's answers begin with one and need not end with one.
+class EchoCallback : public Platform::AgentCommandCallback {
   public:
-    explicit AnswerCallback( std::function<std::string( const std::string& )> answer )
-        : answer_( std::move( answer ) ) {}
     void handleCommand( uint32_t fd, const std::string& text ) override {
-        const std::string a = answer_( text );
+        const std::string a = "\n[" + text + "]";
         EXPECT_EQ( write( static_cast<int>( fd ), a.data(), a.size() ),
                    static_cast<ssize_t>( a.size() ) );
     }
-
-  private:
-    std::function<std::string( const std::string& )> answer_;
 };
-
-const std::string kDumpAnswer =
-    "\n-----------Cspf Internal State Dump-------------\n\n"
-    "-----CSPF client config and status-----\n  rsvp\n    Vrf: default\n"
-    "no newline at the end";
 
 // A command channel where cspfd's agent listens, served on its own thread.
 class FakeAgent {
   public:
-    FakeAgent( const std::string& root, bool schedStats ) {
+    FakeAgent( const std::string& root, std::vector<std::string> handlers ) {
         std::promise<void> ready;
-        thread_ = std::thread( [this, root, schedStats, &ready] {
+        thread_ = std::thread( [this, root, handlers, &ready] {
             Platform::EventLoop loop;
             Platform::CommandChannel channel(
                 loop, root + "/agent/commandRequest/config/Cspf" );
-            channel.handlerIs(
-                "CspfDump", new AnswerCallback( []( const std::string& text ) {
-                    return text == "DUMP_CSPF_STATE" ? kDumpAnswer : "Unknown command ";
-                } ) );
-            if ( schedStats ) {
-                channel.handlerIs( "CspfSchedStats",
-                                   new AnswerCallback( []( const std::string& text ) {
-                                       return "\n[" + text + "]";
-                                   } ) );
+            for ( const std::string& name : handlers ) {
+                channel.handlerIs( name, new EchoCallback );
             }
             ready.set_value();
             while ( !stop_ ) {
@@ -253,15 +241,20 @@ class FakeAgent {
     std::thread thread_;
 };
 
+// The channel's own errors (a dead agent's socket) are its tests' concern.
 TEST( CspfctlTest, DumpAndSchedStatsPrintTheAgentsAnswerAsItIs ) {
-    char tmpl[] = "/dev/shm/cspfctltest-XXXXXX";
-    const std::string dir = mkdtemp( tmpl );
+    const TestKit::TempDir dir( "cspfctltest" );
+    const std::string root = "--root " + dir.path() + " ";
+    expectRefused( root + "dump", 1 );
+    const std::string none = cspfctl( root + "dump" ).out;
+    EXPECT_TRUE( none.starts_with( "cspfctl: no agent is listening at " +
+                                   dir / "agent/commandRequest/config/Cspf" ) )
+        << none;
     {
-        FakeAgent agent( dir + "/a", true );
-        const std::string root = "--root " + dir + "/a ";
+        FakeAgent agent( dir.path(), { "CspfDump", "CspfSchedStats" } );
         const CtlRun dump = cspfctl( root + "dump" );
         EXPECT_EQ( dump.status, 0 ) << dump.out;
-        EXPECT_EQ( dump.out, kDumpAnswer );
+        EXPECT_EQ( dump.out, "\n[DUMP_CSPF_STATE]" );
         // Option words go over as given, unknown ones too, in their order.
         EXPECT_EQ( cspfctl( root + "sched-stats" ).out, "\n[DUMP_SCHEDSTATS]" );
         const CtlRun stats = cspfctl( root + "sched-stats clear detail bogus" );
@@ -269,42 +262,168 @@ TEST( CspfctlTest, DumpAndSchedStatsPrintTheAgentsAnswerAsItIs ) {
         EXPECT_EQ( stats.out, "\n[DUMP_SCHEDSTATS clear detail bogus]" );
         EXPECT_EQ( cspfctl( root + "dump now" ).status, 2 );
     }
-    {
-        // An agent without the handler: its refusal is shown, and fails.
-        FakeAgent agent( dir + "/b", false );
-        const CtlRun stats = cspfctl( "--root " + dir + "/b sched-stats" );
-        EXPECT_EQ( stats.status, 1 );
-        EXPECT_EQ( stats.out, "Unknown handler CspfSchedStats\n" );
-    }
-    std::filesystem::remove_all( dir );
+    // An agent without the handler: its refusal is shown, and fails.
+    FakeAgent agent( dir.path(), { "CspfDump" } );
+    const CtlRun stats = cspfctl( root + "sched-stats" );
+    EXPECT_EQ( stats.status, 1 );
+    EXPECT_EQ( stats.out, "Unknown handler CspfSchedStats\n" );
 }
 
-TEST( CspfctlTest, NoAgentListeningIsOneLineAndStatusOne ) {
-    char tmpl[] = "/dev/shm/cspfctltest-XXXXXX";
-    const std::string dir = mkdtemp( tmpl );
-    const std::string channelDir = dir + "/agent/commandRequest/config/Cspf";
-    const CtlRun none = cspfctl( "--root " + dir + " dump" );
-    EXPECT_EQ( none.status, 1 );
-    EXPECT_EQ( none.out.rfind( "cspfctl: no agent is listening at " + channelDir, 0 ),
-               0u )
-        << none.out;
-    EXPECT_EQ( none.out.find( '\n' ), none.out.size() - 1 ) << none.out;
+TEST( CtlStateTest, SettingsChangeOnlyWhatIsGivenAndRefuseWhatTheAgentCouldNotRead ) {
+    TestKit::TempTree t( "ctlstate" );
+    const std::string& root = t.path();
+    EXPECT_EQ( ctl( root, "te show" ).out,
+               "enabled no\nrouterId 0.0.0.0\n(no record at te/config: the defaults)\n" );
+    ASSERT_EQ( ctl( root, "te set --router-id 10.0.0.4" ).status, 0 );
+    ASSERT_EQ( ctl( root, "te set --enabled yes" ).status, 0 );
+    ASSERT_EQ( ctl( root, "cspf set --hold-wait 300 --max-int 6000" ).status, 0 );
+    for ( const std::string& bad : std::vector<std::string>{
+              "te set", "te set --enabled on", "te set --router-id 2001:db8::1",
+              "te set --router-id 10.0.0", "te set --area 1", "cspf set",
+              "cspf set --hold-wait -1", "cspf set --hold-wait 4294967296",
+              "cspf set --initial-wait 7000", "cspf set --max-wait 0",
+              "cspf set --spf-wait 10", "agent now" } ) {
+        expectRefused( "--root " + root + " " + bad );
+    }
+    // The agent reads both fields set, and no refusal changed anything.
+    auto te = Platform::create<TrafficEngineering::Config>(
+        t.tree, nullptr, TrafficEngineering::kConfigPath );
+    EXPECT_TRUE( te->enabled() );
+    EXPECT_EQ( te->routerId().toString(), "10.0.0.4" );
+    auto cspf = Platform::create<Cspf::CspfCliConfig>( t.tree, nullptr,
+                                                       Cspf::kCspfCliConfigPath );
+    EXPECT_EQ( cspf->value(), ( Cspf::CspfCliConfigValue{ 50, 300, 6000 } ) );
+    EXPECT_EQ( ctl( root, "cspf show" ).out,
+               "initialWaitMs 50\nholdWaitMs 300\nmaxWaitMs 6000\n" );
 
-    // The socket of an agent that died: nobody accepts on it.
-    std::filesystem::create_directories( channelDir );
-    const int fd = socket( AF_UNIX, SOCK_STREAM, 0 );
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    const std::string path = channelDir + "/command.sock";
-    std::strncpy( addr.sun_path, path.c_str(), sizeof( addr.sun_path ) - 1 );
-    ASSERT_EQ( bind( fd, reinterpret_cast<sockaddr*>( &addr ), sizeof( addr ) ), 0 );
-    close( fd );
-    const CtlRun dead = cspfctl( "--root " + dir + " sched-stats detail" );
-    EXPECT_EQ( dead.status, 1 );
-    EXPECT_EQ( dead.out.rfind( "cspfctl: no agent listens on " + path, 0 ), 0u )
-        << dead.out;
-    EXPECT_EQ( dead.out.find( '\n' ), dead.out.size() - 1 ) << dead.out;
-    std::filesystem::remove_all( dir );
+    EXPECT_EQ( ctl( root, "agent" ).out.rfind( "agentEnabled no\n(no record", 0 ), 0u );
+    Platform::create<Cspf::AgentStatus>( t.tree, nullptr, Cspf::kAgentStatusPath )
+        ->agentEnabledIs( true );
+    EXPECT_EQ( ctl( root, "agent" ).out, "agentEnabled yes\n" );
+    expectRefused( "--root " + t / "none" + " te show", 1 );
+    EXPECT_FALSE( std::filesystem::exists( t / "none" ) );
+}
+
+TEST( CtlStateTest, RequestsReachTheClientsTablesAsTheAgentReadsThem ) {
+    TestKit::TempTree t( "ctlstate" );
+    const std::string& root = t.path();
+    ASSERT_EQ( ctl( root, "client add rsvp --vrf red" ).status, 0 );
+    // Looking creates nothing, not even the directories of missing tables.
+    EXPECT_EQ( ctl( root, "client show rsvp" ).out,
+               "client rsvp\nvrfs red\nfamilies ipv4\nvrf red ipv4: 0 requests, 0 "
+               "results\nagentEnabled no\n" );
+    EXPECT_EQ( ctl( root, "status rsvp" ).out, "" );
+    EXPECT_FALSE( t.tree.exists( "te/cspf/status" ) );
+    ASSERT_EQ(
+        ctl( root, "request add rsvp 10.0.0.2 --vrf red --exclude Ethernet3/1" ).out,
+        "request 10.0.0.2 id 0 of rsvp (vrf red ipv4) added\n" );
+    ASSERT_EQ( ctl( root, "request add rsvp 2001:db8::2 --id 7 --no-auto-update" ).status,
+               0 );
+    EXPECT_EQ( ctl( root, "request refresh rsvp 10.0.0.2 --vrf red" ).status, 0 );
+    EXPECT_EQ(
+        ctl( root, "request refresh rsvp 10.0.0.2 --vrf red" ).out,
+        "request 10.0.0.2 id 0 of rsvp (vrf red ipv4) refreshed: refreshReqSeq 2\n" );
+    // Changing the constraint keeps the refresh sequence the agent answered.
+    EXPECT_EQ( ctl( root, "request add rsvp 10.0.0.2 --vrf red" ).out,
+               "request 10.0.0.2 id 0 of rsvp (vrf red ipv4) changed\n" );
+
+    auto reg =
+        Platform::create<Cspf::Client>( t.tree, nullptr, Cspf::clientPath( "rsvp" ) );
+    EXPECT_EQ( reg->toString(),
+               "Value('Cspf::Client', ** {'name': rsvp, 'vrf': [default, "
+               "red], 'addressFamily': [ipv4, ipv6]})" );
+    auto v4 = Platform::create<Cspf::Config>(
+        t.tree, nullptr,
+        Cspf::pathConfigTablePath( L3::VrfName( "red" ), Net::AddressFamily::ipv4,
+                                   "rsvp" ) );
+    const Cspf::PathKey k4( Net::IpGenAddr::parse( "10.0.0.2", "" ), 0 );
+    EXPECT_EQ( v4->pathConfig( k4 ), Cspf::PathConfig( k4, 2, true, {} ) );
+    auto v6 = Platform::create<Cspf::Config>(
+        t.tree, nullptr,
+        Cspf::pathConfigTablePath( L3::VrfName(), Net::AddressFamily::ipv6, "rsvp" ) );
+    const Cspf::PathKey k6( Net::IpGenAddr::parse( "2001:db8::2", "" ), 7 );
+    EXPECT_EQ( v6->pathConfig( k6 ), Cspf::PathConfig( k6, 0, false, {} ) );
+    EXPECT_EQ( lines( ctl( root, "request list rsvp --af ipv6" ).out ).size(), 2u );
+
+    for ( const std::string& bad : std::vector<std::string>{
+              "request add nobody 10.0.0.2", "request add rsvp 10.0.0.256",
+              "request add rsvp 10.0.0.2 --af ipv6", "request add rsvp 0.0.0.0",
+              "request add rsvp 10.0.0.2 --vrf ../x", "request add rsvp 10.0.0.2 --id x",
+              "request add rsvp 10.0.0.2 --exclude 'eth 0'", "request del rsvp 10.0.0.9",
+              "request refresh rsvp 10.0.0.2", "client add a/b", "client leave nobody",
+              "status rsvp --vrf blue", "status rsvp --af ipv5" } ) {
+        expectRefused( "--root " + root + " " + bad );
+    }
+    {
+        // The client itself runs: it holds its registration, and cspfctl
+        // cannot write on its behalf.
+        auto running = Platform::create<Cspf::ClientWriter>( t.tree, nullptr,
+                                                             Cspf::clientPath( "rsvp" ) );
+        expectRefused( "--root " + root + " request del rsvp 2001:db8::2 --id 7", 1 );
+    }
+    EXPECT_EQ( ctl( root, "client leave rsvp" ).status, 0 );
+    EXPECT_EQ( ctl( root, "client list" ).out, "" );
+    EXPECT_TRUE( t.tree.listTables( "te/cspf/config" ).empty() );
+}
+
+TEST( CtlStateTest, StatusAndWatchShowTheResultsThatThePublisherWrites ) {
+    TestKit::TempTree t( "ctlstate" );
+    const std::string& root = t.path();
+    ASSERT_EQ( ctl( root, "client add rsvp" ).status, 0 );
+    auto results = Platform::create<Cspf::Status>(
+        t.tree, nullptr,
+        Cspf::pathStatusTablePath( L3::VrfName(), Net::AddressFamily::ipv4, "rsvp" ) );
+    Cspf::PathStatus found;
+    found.key = Cspf::PathKey( Net::IpGenAddr::parse( "10.0.0.2", "" ), 0 );
+    found.refreshRespSeq = 3;
+    found.changeCount = 1;
+    found.lastUpdated = 12.5;
+    found.hops.append( Net::IpGenAddr::parse( "10.1.12.1", "" ) );
+    found.hops.append( Net::IpGenAddr::parse( "10.1.26.1", "" ) );
+    Cspf::PathStatus none;
+    none.key = Cspf::PathKey( Net::IpGenAddr::parse( "10.0.0.9", "" ), 4 );
+    results->pathStatusIs( found );
+    results->pathStatusIs( none );
+
+    const std::vector<std::string> text = lines( ctl( root, "status rsvp" ).out );
+    ASSERT_EQ( text.size(), 3u );
+    EXPECT_NE(
+        text[1].find( "10.0.0.2                          0           1              3 "
+                      "        12.500  10.1.12.1 10.1.26.1" ),
+        std::string::npos )
+        << text[1];
+    EXPECT_NE( text[2].find( "  no path" ), std::string::npos ) << text[2];
+    EXPECT_EQ(
+        ctl( root, "status rsvp --json" ).out,
+        "{\"vrf\":\"default\",\"af\":\"ipv4\",\"destination\":\"10.0.0.2\",\"id\":0,"
+        "\"hops\":[\"10.1.12.1\",\"10.1.26.1\"],\"changeCount\":1,"
+        "\"refreshRespSeq\":3,\"lastUpdated\":12.5}\n"
+        "{\"vrf\":\"default\",\"af\":\"ipv4\",\"destination\":\"10.0.0.9\",\"id\":4,"
+        "\"hops\":[],\"changeCount\":0,\"refreshRespSeq\":0,\"lastUpdated\":0.0}\n" );
+
+    // What is there when the watch starts is known; only changes count. The
+    // publisher keeps changing the result until the watch has seen two.
+    auto watching = std::async( std::launch::async, [&] {
+        return ctl( root, "watch rsvp --json --count 2 --timeout 20" );
+    } );
+    const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds( 30 );
+    while ( watching.wait_for( std::chrono::milliseconds( 50 ) ) !=
+                std::future_status::ready &&
+            std::chrono::steady_clock::now() < giveUp ) {
+        ++found.changeCount;
+        results->pathStatusIs( found );
+    }
+    const CtlRun watched = watching.get();
+    ASSERT_EQ( watched.status, 0 ) << watched.out;
+    const std::vector<std::string> changes = lines( watched.out );
+    ASSERT_EQ( changes.size(), 2u ) << watched.out;
+    const auto first = nlohmann::json::parse( changes[0] );
+    const auto second = nlohmann::json::parse( changes[1] );
+    EXPECT_EQ( first["destination"], "10.0.0.2" );
+    EXPECT_LT( first["changeCount"].get<int>(), second["changeCount"].get<int>() );
+
+    expectRefused( "--root " + root + " watch rsvp --count 1 --timeout 0.2 --json", 1 );
+    expectRefused( "--root " + root + " watch rsvp --timeout soon" );
 }
 
 }  // namespace

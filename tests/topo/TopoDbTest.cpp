@@ -1,18 +1,16 @@
 // The level database in the state tree: the IS-IS side writes, the agent's
 // TopoDb reads and tells per key; its dump; the interface-address table.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cstring>
-#include <filesystem>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "platform/EventLoop.h"
 #include "platform/Inotify.h"
-#include "platform/StateTree.h"
+#include "tests/support/DumpText.h"
+#include "tests/support/RawRecord.h"
+#include "tests/support/TempDir.h"
 #include "topo/IntfIpToRouterId.h"
 #include "topo/TopoDb.h"
 
@@ -26,54 +24,17 @@ RouterId sys( const char* text ) {
     return RouterId::fromSystemId( text );
 }
 
-// Writes any bytes as a router value: the IS-IS side gone wrong.
-struct RawRouterRecord : RouterRecord {
-    using Value = std::vector<uint8_t>;
-    static void encodeValue( const Value& v, std::vector<uint8_t>& out ) { out = v; }
-    static Value decodeValue( const uint8_t* in, size_t len ) {
-        return Value( in, in + len );
-    }
-};
-
 class TopoDbTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        char tmpl[] = "/dev/shm/topodbtest-XXXXXX";
-        root_ = mkdtemp( tmpl );
-        tree_ = std::make_unique<Platform::StateTree>( root_ );
-        inotify_ = std::make_unique<Platform::Inotify>( &loop_ );
-    }
-    void TearDown() override {
-        inotify_.reset();
-        std::filesystem::remove_all( root_ );
-    }
     void pump() {
         for ( int i = 0; i < 20 && loop_.runOnce( 20 ) > 0; ++i ) {
         }
     }
-    // What the database's dump writes at `indent`.
-    static std::string dumpOf( const TopoDb& db, unsigned indent ) {
-        int fds[2];
-        EXPECT_EQ( pipe( fds ), 0 );
-        {
-            Platform::DumpContext context( fds[1] );
-            db.dumpState( context, indent );
-        }
-        close( fds[1] );
-        std::string out;
-        char buf[4096];
-        ssize_t n;
-        while ( ( n = read( fds[0], buf, sizeof( buf ) ) ) > 0 ) {
-            out.append( buf, size_t( n ) );
-        }
-        close( fds[0] );
-        return out;
-    }
 
-    std::string root_;
+    TestKit::TempTree tmp_{ "topodbtest" };
+    Platform::StateTree& tree_ = tmp_.tree;
     Platform::EventLoop loop_;
-    std::unique_ptr<Platform::StateTree> tree_;
-    std::unique_ptr<Platform::Inotify> inotify_;
+    Platform::Inotify inotify_{ &loop_ };
 };
 
 // Two routers over one point-to-point link and one LAN of theirs.
@@ -121,7 +82,7 @@ TEST( TopoDbPaths, LevelAndVrfNameTheDirectory ) {
 
 TEST_F( TopoDbTest, ReaderStartedFirstHearsEveryKeyOfEachCollection ) {
     // The agent may start before the IS-IS side: its tables fill later.
-    auto db = Platform::create<TopoDb>( *tree_, inotify_.get(), 2, L3::VrfName() );
+    auto db = Platform::create<TopoDb>( tree_, &inotify_, 2, L3::VrfName() );
     std::vector<RouterId> routers;
     std::vector<NetworkId> networks;
     std::vector<NeighborKey> neighbors;
@@ -134,10 +95,10 @@ TEST_F( TopoDbTest, ReaderStartedFirstHearsEveryKeyOfEachCollection ) {
         Platform::subscribe( db.get(), TopoDb::neighborTag,
                              [&]( const NeighborKey& k ) { neighbors.push_back( k ); } );
 
-    TopoDbWriter writer( *tree_, &loop_, 2, L3::VrfName() );
+    TopoDbWriter writer( tree_, &loop_, 2, L3::VrfName() );
     writeTinyTopology( writer );
     // Level 1 is another database: the reader of level 2 never hears it.
-    TopoDbWriter level1( *tree_, &loop_, 1, L3::VrfName() );
+    TopoDbWriter level1( tree_, &loop_, 1, L3::VrfName() );
     level1.routerIs( Router( sys( "0000.0000.0009" ) ) );
     pump();
 
@@ -183,13 +144,13 @@ TEST_F( TopoDbTest, ReaderStartedFirstHearsEveryKeyOfEachCollection ) {
 }
 
 TEST_F( TopoDbTest, BadRecordIsReportedAndReadsAsAbsent ) {
-    auto db = Platform::create<TopoDb>( *tree_, inotify_.get(), 1, L3::VrfName() );
+    auto db = Platform::create<TopoDb>( tree_, &inotify_, 1, L3::VrfName() );
     std::vector<std::string> reports;
     db->corruptionHandlerIs(
         [&]( const Platform::Error& e ) { reports.push_back( e.what() ); } );
     // Same type and layout as the router table, bytes of the writer's choosing.
-    auto raw = Platform::create<Platform::TableWriter<RawRouterRecord>>(
-        *tree_, &loop_, topoDbPath( 1, L3::VrfName() ) + "/router" );
+    auto raw = Platform::create<Platform::TableWriter<TestKit::RawRecord<RouterRecord>>>(
+        tree_, &loop_, topoDbPath( 1, L3::VrfName() ) + "/router" );
     RouterId a = sys( "0000.0000.0001" );
     raw->set( a, std::vector<uint8_t>( 28 + 36, 0 ) );  // count 0, one key's bytes
     pump();
@@ -204,10 +165,10 @@ TEST_F( TopoDbTest, BadRecordIsReportedAndReadsAsAbsent ) {
 }
 
 TEST_F( TopoDbTest, DumpOfATinyDatabase ) {
-    TopoDbWriter writer( *tree_, nullptr, 1, L3::VrfName( "red" ) );
+    TopoDbWriter writer( tree_, nullptr, 1, L3::VrfName( "red" ) );
     writeTinyTopology( writer );
-    auto db = Platform::create<TopoDb>( *tree_, nullptr, 1, L3::VrfName( "red" ) );
-    EXPECT_EQ( dumpOf( *db, 2 ),
+    auto db = Platform::create<TopoDb>( tree_, nullptr, 1, L3::VrfName( "red" ) );
+    EXPECT_EQ( TestKit::dumpText( *db, 2 ),
                "  ---Routers---\n"
                "   Router ID: 0000.0000.0001\n"
                "   TE Router ID: 1.1.1.1\n"
@@ -245,8 +206,8 @@ TEST_F( TopoDbTest, DumpOfATinyDatabase ) {
 
 TEST_F( TopoDbTest, InterfaceAddressTableMapsAddressesToRouterIds ) {
     std::string path = Cspf::intfIpToRouterIdPath( L3::VrfName() );
-    auto writer = Platform::create<Cspf::IntfIpToRouterIdWriter>( *tree_, nullptr, path );
-    auto reader = Platform::create<Cspf::IntfIpToRouterIdReader>( *tree_, nullptr, path );
+    auto writer = Platform::create<Cspf::IntfIpToRouterIdWriter>( tree_, nullptr, path );
+    auto reader = Platform::create<Cspf::IntfIpToRouterIdReader>( tree_, nullptr, path );
     writer->intfIpToRouterIdIs( IpGenAddr( "10.0.0.1" ), IpGenAddr( "1.1.1.1" ) );
     writer->intfIpToRouterIdIs( IpGenAddr( "2001:db8::1" ), IpGenAddr( "1.1.1.1" ) );
     writer->intfIpToRouterIdDel( IpGenAddr( "10.0.0.1" ) );

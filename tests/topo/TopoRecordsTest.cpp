@@ -190,34 +190,10 @@ TEST( Network, RoundTripAndRouterBound ) {
     EXPECT_EQ( outcome( [&] { NetworkView( buf.data(), 3 ); } ), "network" );
 }
 
-TEST( Neighbor, RecordLayoutAndRoundTrip ) {
+TEST( Neighbor, RecordRoundTrip ) {
     Neighbor n = sampleNeighbor();
     std::vector<uint8_t> buf = encoded( n, encodeNeighbor );
     ASSERT_EQ( buf.size(), 464u );
-    auto u32At = [&]( size_t offset ) {
-        uint32_t v;
-        std::memcpy( &v, buf.data() + offset, 4 );
-        return v;
-    };
-    auto f32At = [&]( size_t offset ) {
-        float v;
-        std::memcpy( &v, buf.data() + offset, 4 );
-        return v;
-    };
-    EXPECT_EQ( u32At( 0 ), 0x11u );
-    EXPECT_EQ( u32At( 4 ), 2u );
-    EXPECT_EQ( IpGenAddr::fromRecord( buf.data() + 28, "a" ),
-               IpGenAddr( "2001:db8::1" ) );
-    EXPECT_EQ( u32At( 48 ), 0u );  // third slot unused and zero
-    EXPECT_EQ( u32At( 208 ), 1u );
-    EXPECT_EQ( IpGenAddr::fromRecord( buf.data() + 212, "a" ), IpGenAddr( "10.1.2.2" ) );
-    EXPECT_EQ( u32At( 412 ), 10u );
-    EXPECT_EQ( u32At( 416 ), 20u );
-    EXPECT_EQ( u32At( 420 ), 1u );
-    EXPECT_EQ( f32At( 424 ), 1.25e9f );
-    EXPECT_EQ( f32At( 428 ), 1e9f );
-    EXPECT_EQ( f32At( 460 ), 7e8f );
-
     Neighbor back = decodeNeighbor( buf.data(), buf.size() );
     EXPECT_EQ( back.neighborKey(), NeighborKey() );  // the key is the table's
     back.neighborKeyIs( n.neighborKey() );

@@ -269,13 +269,8 @@ TEST_F( HopSelectionTest, TopologiesThatCannotNameAHopAreRefusedNotFatal ) {
     commit();
     data = run( { te( 1044 ), te( 1045 ) } );
     EXPECT_EQ( HopSelection( *data ).hops( te( 1044 ), nullptr ).size(), 1024u );
-    try {
-        HopSelection( *data ).hops( te( 1045 ), nullptr );
-        ADD_FAILURE() << "no error";
-    } catch ( const Platform::RangeError& e ) {
-        EXPECT_STREQ( e.what(),
-                      "HopIndex::value < HopIndex::min or > HopIndex::max not allowed" );
-    }
+    EXPECT_THROW( HopSelection( *data ).hops( te( 1045 ), nullptr ),
+                  Platform::RangeError );
 }
 
 }  // namespace

@@ -95,7 +95,6 @@ TEST_F( PathStatusUpdateSmTest, FirstResultIsWrittenAfterItsComputationOnly ) {
     clock_->advance( 2 );
     computed( nullptr );  // no path found
     const PathStatus first = record();
-    EXPECT_EQ( first.key, key_.pathKey() );
     EXPECT_EQ( first.hops.size(), 0u );
     EXPECT_EQ( first.changeCount, 1u );
     EXPECT_EQ( first.refreshRespSeq, 3u );
@@ -116,8 +115,6 @@ TEST_F( PathStatusUpdateSmTest, ExplicitRefreshAloneIsAnsweredWithoutComputation
     info_->lastRefreshReqSeqIs( 5 );
     pending( refreshReasonExplicit );
     EXPECT_EQ( constraintInfo_->cspfRequestCount(), 0u );
-    EXPECT_EQ( record().hops.size(), 2u );
-    EXPECT_EQ( record().hops[HopIndex( 1 )], IpGenAddr( "10.1.0.2" ) );
     EXPECT_EQ( record().changeCount, 3u );
     EXPECT_EQ( record().refreshRespSeq, 5u );
     EXPECT_FALSE( info_->refreshNeeded() );
