@@ -12,6 +12,7 @@
 #include "cspf/CspfLinkInfoKey.h"
 #include "cspf/CspfPath.h"
 #include "platform/Error.h"
+#include "tests/support/ErrorOf.h"
 #include "topo/AllTopoKeys.h"
 #include "topo/RouterId.h"
 #include "topo/TopoKeys.h"
@@ -49,16 +50,6 @@ CspfLinkInfoKey behindLan( uint32_t cost, const char* router, uint32_t pseudonod
     CspfLinkInfoKey key( lan( pseudonode ), cost );
     key.routerInNetworkIs( IpGenAddr( router ) );
     return key;
-}
-
-template <typename F>
-std::string typeErrorOf( F fn ) {
-    try {
-        fn();
-    } catch ( const Platform::TypeError& e ) {
-        return e.what();
-    }
-    return "no TypeError";
 }
 
 // The LAN's link key sorts after the point-to-point one, so only the kind can
@@ -106,8 +97,9 @@ TEST( CspfRecordsTest, EqualityHashAndRouterInNetwork ) {
     EXPECT_FALSE( hashed.count( CspfLinkInfoKey( kLan, 11 ) ) );
 
     CspfLinkInfoKey key( kP2p, 5 );
-    EXPECT_EQ( typeErrorOf( [&] { key.routerInNetworkIs( IpGenAddr( "3.3.3.3" ) ); } ),
-               "Link with neighborType 1 and routerInNetwork are not compatible" );
+    EXPECT_EQ(
+        TestKit::errorOf( [&] { key.routerInNetworkIs( IpGenAddr( "3.3.3.3" ) ); } ),
+        "Link with neighborType 1 and routerInNetwork are not compatible" );
     EXPECT_EQ( key, CspfLinkInfoKey( kP2p, 5 ) );
 }
 
@@ -124,9 +116,9 @@ TEST( CspfRecordsTest, RouterLinkAndEqualCost ) {
     EXPECT_EQ( behindLan( 10, "::" ), network );
 
     for ( const auto& bad : { network, zeroInLan } ) {
-        EXPECT_EQ( typeErrorOf( [&] { bad.equalCost( router ); } ),
+        EXPECT_EQ( TestKit::errorOf( [&] { bad.equalCost( router ); } ),
                    "Only router links are comparable" );
-        EXPECT_EQ( typeErrorOf( [&] { router.equalCost( bad ); } ),
+        EXPECT_EQ( TestKit::errorOf( [&] { router.equalCost( bad ); } ),
                    "Only router links are comparable" );
     }
     EXPECT_TRUE( router.equalCost( inLan ) );
@@ -206,6 +198,6 @@ TEST( CspfRecordsTest, PathLastLinks ) {
     EXPECT_FALSE( other == path );
     EXPECT_FALSE( CspfPath( IpGenAddr( "3.3.3.3" ) ) ==
                   CspfPath( IpGenAddr( "4.4.4.4" ) ) );
-    EXPECT_EQ( typeErrorOf( [&] { CspfPath::fromString( path.toString() ); } ),
+    EXPECT_EQ( TestKit::errorOf( [&] { CspfPath::fromString( path.toString() ); } ),
                "!\"No String constructor for CspfPath - has collection\"" );
 }

@@ -7,6 +7,7 @@
 
 #include "platform/Error.h"
 #include "records/PathStatus.h"
+#include "tests/support/ErrorOf.h"
 
 using namespace Cspf;
 using Net::IpGenAddr;
@@ -38,20 +39,6 @@ std::vector<uint8_t> encode( const PathStatus& status ) {
 
 void putU32( std::vector<uint8_t>& buf, size_t offset, uint32_t v ) {
     std::memcpy( buf.data() + offset, &v, sizeof( v ) );
-}
-
-// The attribute of a DeserializationError, the text of a RangeError, or
-// "accepted".
-template <typename F>
-std::string outcome( F fn ) {
-    try {
-        fn();
-    } catch ( const Platform::DeserializationError& e ) {
-        return e.attribute();
-    } catch ( const Platform::RangeError& e ) {
-        return e.what();
-    }
-    return "accepted";
 }
 
 }  // namespace
@@ -90,9 +77,10 @@ TEST( PathStatus, EqualityCoversEveryHop ) {
 }
 
 TEST( PathStatus, HopBoundsAreTheIndexTypeErrors ) {
-    EXPECT_EQ( outcome( [] { HopIndex( 1024 ); } ), kHopIndexText );
+    EXPECT_EQ( TestKit::errorOf( [] { HopIndex( 1024 ); } ), kHopIndexText );
     PathStatus full = statusWithHops( 1024 );
-    EXPECT_EQ( outcome( [&] { full.hops.append( IpGenAddr() ); } ), kHopIndexText );
+    EXPECT_EQ( TestKit::errorOf( [&] { full.hops.append( IpGenAddr() ); } ),
+               kHopIndexText );
     EXPECT_THROW( statusWithHops( 3 ).hops.at( HopIndex( 3 ) ), Platform::RangeError );
 
     std::vector<IpGenAddr> many( 1025, IpGenAddr( "10.0.0.1" ) );
@@ -123,7 +111,7 @@ TEST( PathStatus, HopBoundsAreTheIndexTypeErrors ) {
 TEST( PathStatus, DecodeRefusesRecordsThatLie ) {
     std::vector<uint8_t> buf = encode( statusWithHops( 3 ) );
     auto attributeOf = [&]( size_t len ) {
-        return outcome( [&] { decodePathStatus( buf.data(), len ); } );
+        return TestKit::errorOf( [&] { decodePathStatus( buf.data(), len ); } );
     };
     EXPECT_EQ( attributeOf( buf.size() - 1 ), "pathStatus" );
     EXPECT_EQ( attributeOf( 43 ), "pathStatus" );

@@ -8,6 +8,7 @@
 
 #include "platform/Error.h"
 #include "tests/support/DumpText.h"
+#include "tests/support/ErrorOf.h"
 #include "topo/AllTopoDbStatus.h"
 #include "topo/AllTopoKeys.h"
 #include "topo/AllTopoViews.h"
@@ -30,16 +31,6 @@ NeighborKey p2p( const char* from, const char* to, uint32_t link ) {
 
 NeighborKey lan( const char* from, const char* dr, uint32_t pseudonode ) {
     return NeighborKey::toNetwork( sys( from ), NetworkId( sys( dr ), pseudonode ) );
-}
-
-template <typename F>
-std::string typeErrorOf( F fn ) {
-    try {
-        fn();
-    } catch ( const Platform::TypeError& e ) {
-        return e.what();
-    }
-    return "no TypeError";
 }
 
 const IpGenAddr kTe1( "1.1.1.1" );
@@ -108,16 +99,16 @@ TEST( AllTopoModelTest, AccessorsOfOneNeighborTypeOnly ) {
     const AllTopoNeighborKey network(
         TopoId::isisL2, lan( "0000.0000.0001", "0000.0000.0003", 2 ), kTe1 );
 
-    EXPECT_EQ( typeErrorOf( [&] { network.teNeighborId(); } ),
+    EXPECT_EQ( TestKit::errorOf( [&] { network.teNeighborId(); } ),
                "NeighborType 2 and teNeighborId are not compatible" );
-    EXPECT_EQ( typeErrorOf( [&] { router.allTopoNetworkId(); } ),
+    EXPECT_EQ( TestKit::errorOf( [&] { router.allTopoNetworkId(); } ),
                "NeighborType 1 and allTopoNetworkId are not compatible" );
     EXPECT_EQ(
         network.allTopoNetworkId(),
         AllTopoNetworkId( TopoId::isisL2, NetworkId( sys( "0000.0000.0003" ), 2 ) ) );
     // Only a point-to-point link has a far-end router to fill in.
     AllTopoNeighborKey copy = network;
-    EXPECT_EQ( typeErrorOf( [&] { copy.teNeighborIdIs( kTe2 ); } ),
+    EXPECT_EQ( TestKit::errorOf( [&] { copy.teNeighborIdIs( kTe2 ); } ),
                "NeighborType 2 and teNeighborId are not compatible" );
 }
 
@@ -152,10 +143,12 @@ TEST( AllTopoModelTest, StringForms ) {
                "Value('Cspf::AllTopoNetwork', ** {'allTopoNetworkId': " + net.toString() +
                    ", 'router': [1.1.1.1, 2.2.2.2]})" );
 
-    EXPECT_EQ( typeErrorOf( [&] { AllTopoRouter::fromString( router.toString() ); } ),
-               "No String constructor for AllTopoRouter - has collection" );
-    EXPECT_EQ( typeErrorOf( [&] { AllTopoNetwork::fromString( network.toString() ); } ),
-               "No String constructor for AllTopoNetwork - has collection" );
+    EXPECT_EQ(
+        TestKit::errorOf( [&] { AllTopoRouter::fromString( router.toString() ); } ),
+        "No String constructor for AllTopoRouter - has collection" );
+    EXPECT_EQ(
+        TestKit::errorOf( [&] { AllTopoNetwork::fromString( network.toString() ); } ),
+        "No String constructor for AllTopoNetwork - has collection" );
 
     // Set members print in their own order, whatever the insertion order.
     AllTopoNeighborKey other( TopoId::isisL1,

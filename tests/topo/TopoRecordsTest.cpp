@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/Error.h"
+#include "tests/support/ErrorOf.h"
 #include "topo/TopoRecords.h"
 
 using namespace Routing::Topology;
@@ -80,19 +81,6 @@ void putU32( std::vector<uint8_t>& buf, size_t offset, uint32_t v ) {
     std::memcpy( buf.data() + offset, &v, 4 );
 }
 
-// The attribute of a DeserializationError, the text of a RangeError, or
-// "accepted".
-std::string outcome( const std::function<void()>& fn ) {
-    try {
-        fn();
-    } catch ( const Platform::DeserializationError& e ) {
-        return e.attribute();
-    } catch ( const Platform::RangeError& e ) {
-        return e.what();
-    }
-    return "accepted";
-}
-
 }  // namespace
 
 TEST( Router, RecordLayoutAndRoundTrip ) {
@@ -135,32 +123,35 @@ TEST( Router, ViewReadsAFullRouterInPlaceAndRefusesMore ) {
     EXPECT_FALSE(
         routerHasNeighbor( view, NeighborKey::toRouter( rid( 1 ), rid( 2 ), 500 ) ) );
 
-    EXPECT_EQ( outcome( [] { routerWithKeys( 501 ); } ), kNeighborIndexText );
+    EXPECT_EQ( TestKit::errorOf( [] { routerWithKeys( 501 ); } ), kNeighborIndexText );
     buf.resize( buf.size() + 36 );
     putU32( buf, 24, 501 );
-    EXPECT_EQ( outcome( [&] { RouterView( buf.data(), buf.size() ); } ),
+    EXPECT_EQ( TestKit::errorOf( [&] { RouterView( buf.data(), buf.size() ); } ),
                kNeighborIndexText );
     putU32( buf, 24, 0xffffffff );
-    EXPECT_EQ( outcome( [&] { RouterView( buf.data(), buf.size() ); } ),
+    EXPECT_EQ( TestKit::errorOf( [&] { RouterView( buf.data(), buf.size() ); } ),
                kNeighborIndexText );
     putU32( buf, 24, 500 );
-    EXPECT_EQ( outcome( [&] { RouterView( buf.data(), buf.size() ); } ), "router" );
+    EXPECT_EQ( TestKit::errorOf( [&] { RouterView( buf.data(), buf.size() ); } ),
+               "router" );
 
     std::vector<uint8_t> two = encoded( routerWithKeys( 2 ), encodeRouter );
     RouterView small( two.data(), two.size() );
     EXPECT_THROW( small.neighborKey( NeighborIndex( 2 ) ), Platform::RangeError );
-    EXPECT_EQ( outcome( [&] { RouterView( two.data(), 27 ); } ), "router" );
+    EXPECT_EQ( TestKit::errorOf( [&] { RouterView( two.data(), 27 ); } ), "router" );
     two[20] = 2;  // overload is a flag
-    EXPECT_EQ( outcome( [&] { RouterView( two.data(), two.size() ); } ), "router" );
+    EXPECT_EQ( TestKit::errorOf( [&] { RouterView( two.data(), two.size() ); } ),
+               "router" );
     two[20] = 1;
     putU32( two, 0, 7 );  // TE router id of family 7
-    EXPECT_EQ( outcome( [&] { RouterView( two.data(), two.size() ); } ), "router" );
+    EXPECT_EQ( TestKit::errorOf( [&] { RouterView( two.data(), two.size() ); } ),
+               "router" );
     putU32( two, 0, 1 );
     putU32( two, 28 + 12, 9 );  // first key of type 9: the view holds, the key fails
     RouterView lying( two.data(), two.size() );
-    EXPECT_EQ( outcome( [&] { lying.neighborKey( NeighborIndex( 0 ) ); } ),
+    EXPECT_EQ( TestKit::errorOf( [&] { lying.neighborKey( NeighborIndex( 0 ) ); } ),
                "neighborKey" );
-    EXPECT_EQ( outcome( [&] { decodeRouter( two.data(), two.size() ); } ),
+    EXPECT_EQ( TestKit::errorOf( [&] { decodeRouter( two.data(), two.size() ); } ),
                "neighborKey" );
 }
 
@@ -169,7 +160,7 @@ TEST( Network, RoundTripAndRouterBound ) {
     for ( uint32_t i = 0; i < 30; ++i ) {
         lan.routerIs( RouterIndex( i ), rid( uint16_t( 10 + i ) ) );
     }
-    EXPECT_EQ( outcome( [&] { lan.routerIs( RouterIndex( 30 ), rid( 1 ) ); } ),
+    EXPECT_EQ( TestKit::errorOf( [&] { lan.routerIs( RouterIndex( 30 ), rid( 1 ) ); } ),
                kRouterIndexText );
     std::vector<uint8_t> buf = encoded( lan, encodeNetwork );
     ASSERT_EQ( buf.size(), 364u );
@@ -183,11 +174,12 @@ TEST( Network, RoundTripAndRouterBound ) {
 
     buf.resize( buf.size() + 12 );
     putU32( buf, 0, 31 );
-    EXPECT_EQ( outcome( [&] { NetworkView( buf.data(), buf.size() ); } ),
+    EXPECT_EQ( TestKit::errorOf( [&] { NetworkView( buf.data(), buf.size() ); } ),
                kRouterIndexText );
     putU32( buf, 0, 30 );
-    EXPECT_EQ( outcome( [&] { NetworkView( buf.data(), buf.size() ); } ), "network" );
-    EXPECT_EQ( outcome( [&] { NetworkView( buf.data(), 3 ); } ), "network" );
+    EXPECT_EQ( TestKit::errorOf( [&] { NetworkView( buf.data(), buf.size() ); } ),
+               "network" );
+    EXPECT_EQ( TestKit::errorOf( [&] { NetworkView( buf.data(), 3 ); } ), "network" );
 }
 
 TEST( Neighbor, RecordRoundTrip ) {
@@ -205,7 +197,7 @@ TEST( Neighbor, DecodeRefusesBadCountsAddressesAndNumbers ) {
     auto with = [&]( size_t offset, uint32_t v ) {
         std::vector<uint8_t> buf = good;
         putU32( buf, offset, v );
-        return outcome( [&] { decodeNeighbor( buf.data(), buf.size() ); } );
+        return TestKit::errorOf( [&] { decodeNeighbor( buf.data(), buf.size() ); } );
     };
     EXPECT_EQ( with( 4, 11 ), kAddrIndexText );
     EXPECT_EQ( with( 208, 11 ), kAddrIndexText );
@@ -220,7 +212,8 @@ TEST( Neighbor, DecodeRefusesBadCountsAddressesAndNumbers ) {
         EXPECT_EQ( with( 424, bits ), "neighbor" );
         EXPECT_EQ( with( 456, bits ), "neighbor" );
     }
-    EXPECT_EQ( outcome( [&] { decodeNeighbor( good.data(), 463 ); } ), "neighbor" );
+    EXPECT_EQ( TestKit::errorOf( [&] { decodeNeighbor( good.data(), 463 ); } ),
+               "neighbor" );
     EXPECT_THROW( sampleNeighbor().maxLinkBwIs( nan ), Platform::RangeError );
 }
 
@@ -235,8 +228,9 @@ TEST( Neighbor, InterfaceAddressMatchScansOnlyWhatIsThere ) {
         n.interfaceAddrIs( AddrIndex( i ), IpGenAddr::v4( 0x0a090000 + i ) );
     }
     EXPECT_TRUE( neighborHasInterfaceAddr( n, IpGenAddr( "10.9.0.9" ) ) );
-    EXPECT_EQ( outcome( [&] { n.interfaceAddrIs( AddrIndex( 10 ), IpGenAddr() ); } ),
-               kAddrIndexText );
+    EXPECT_EQ(
+        TestKit::errorOf( [&] { n.interfaceAddrIs( AddrIndex( 10 ), IpGenAddr() ); } ),
+        kAddrIndexText );
 }
 
 // Random bytes and mutated good records: a decoder either refuses with a
