@@ -89,8 +89,8 @@ const HopSelection::Router& HopSelection::doRouter( uint32_t position ) {
         CSPF_ASSERT_AS( key.routerLink(), "lastLink.routerLink()" );
         const size_t from = tree_.position( key.allTopoNeighborKey().teNeighborOf() );
         links_.push_back( LastLink{
-            &lastLink, from < tree_.size() ? static_cast<uint32_t>( from ) : kNone, false,
-            Net::IpGenAddr() } );
+            &lastLink, from < tree_.size() ? static_cast<uint32_t>( from ) : kNoOwner,
+            false, Net::IpGenAddr() } );
     }
     router.built = true;
     return router;

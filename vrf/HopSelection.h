@@ -70,11 +70,11 @@ class HopSelection {
                                              const PathArray* oldPath );
 
   private:
-    static constexpr uint32_t kNone = kNoOwner;
-
     struct LastLink {
         const CspfLinkInfo* info;
-        uint32_t from;  // the position of the router that advertises it
+        // The position of the router that advertises it; kNoOwner when the
+        // run did not settle it, where the walk asserts.
+        uint32_t from;
         bool resolved = false;
         Net::IpGenAddr hop;
     };
