@@ -1,8 +1,8 @@
 // cspfctl as operators run it: compute and topo show on the example and on a
 // topology with faults, the exit statuses of bad invocations, the diagnostic
-// commands against a stand-in agent, and (CtlStateTest) the agent's state:
-// there the test plays the agent, reading what cspfctl wrote through the
-// agent's own readers and publishing results through its status writer.
+// commands against a stand-in agent, and the agent's state: there the test
+// plays the agent, reading what cspfctl wrote through the agent's own
+// readers and publishing results through its status writer.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -269,7 +269,7 @@ TEST( CspfctlTest, DumpAndSchedStatsPrintTheAgentsAnswerAsItIs ) {
     EXPECT_EQ( stats.out, "Unknown handler CspfSchedStats\n" );
 }
 
-TEST( CtlStateTest, SettingsChangeOnlyWhatIsGivenAndRefuseWhatTheAgentCouldNotRead ) {
+TEST( CspfctlTest, SettingsChangeOnlyWhatIsGivenAndRefuseWhatTheAgentCouldNotRead ) {
     TestKit::TempTree t( "ctlstate" );
     const std::string& root = t.path();
     EXPECT_EQ( ctl( root, "te show" ).out,
@@ -304,7 +304,7 @@ TEST( CtlStateTest, SettingsChangeOnlyWhatIsGivenAndRefuseWhatTheAgentCouldNotRe
     EXPECT_FALSE( std::filesystem::exists( t / "none" ) );
 }
 
-TEST( CtlStateTest, RequestsReachTheClientsTablesAsTheAgentReadsThem ) {
+TEST( CspfctlTest, RequestsReachTheClientsTablesAsTheAgentReadsThem ) {
     TestKit::TempTree t( "ctlstate" );
     const std::string& root = t.path();
     ASSERT_EQ( ctl( root, "client add rsvp --vrf red" ).status, 0 );
@@ -366,7 +366,7 @@ TEST( CtlStateTest, RequestsReachTheClientsTablesAsTheAgentReadsThem ) {
     EXPECT_TRUE( t.tree.listTables( "te/cspf/config" ).empty() );
 }
 
-TEST( CtlStateTest, StatusAndWatchShowTheResultsThatThePublisherWrites ) {
+TEST( CspfctlTest, StatusAndWatchShowTheResultsThatThePublisherWrites ) {
     TestKit::TempTree t( "ctlstate" );
     const std::string& root = t.path();
     ASSERT_EQ( ctl( root, "client add rsvp" ).status, 0 );
