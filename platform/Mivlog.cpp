@@ -244,7 +244,10 @@ std::string fileNameFor( const std::string& agentName ) {
     std::string name = agentName;
     if ( !envValue( "MIVLOGDIR" ) ) {
         // Without a directory of its own, an agent shares /tmp with other runs.
-        name += "-" + std::to_string( ::getpid() );
+        // Appended in two steps: GCC 12 at -O3 misreads '"-" + to_string()'
+        // as an overlapping copy (-Werror=restrict).
+        name += '-';
+        name += std::to_string( ::getpid() );
     }
     return name + ".mv";
 }
