@@ -313,3 +313,35 @@ TEST_F( EndToEndTest, AWatchSetBeforeTheFirstResultIsToldEveryChangeAsItsTableGr
                told["10.0.0.4/1"] == kToR4AvoidingR3;
     } ) );
 }
+
+TEST_F( EndToEndTest, WhatAClientKilledInsideABatchWroteIsServed ) {
+    // One client already served, one new: both die holding their bell.
+    const std::string root = dir_.path();
+    for ( const bool served : { true, false } ) {
+        const std::string name = served ? "te5" : "te6";
+        const pid_t child = TestKit::forkChild( [&] {
+            cspf::Client c( name, root );
+            if ( served ) {
+                c.requestIs( kTable, request( "10.0.0.6", 100 ) );
+                if ( !eventually(
+                         [&] { return c.result( kTable, "10.0.0.6", 100 ); } ) ) {
+                    return 1;
+                }
+            }
+            c.batchBegin();
+            for ( uint32_t id = 0; id < 10; ++id ) {
+                c.requestIs( kTable, request( "10.0.0.4", id ) );
+            }
+            kill( getpid(), SIGKILL );  // before batchEnd()
+            return 2;
+        } );
+        ASSERT_EQ( TestKit::reapChild( child, 30 ), -SIGKILL ) << name;
+        cspf::Client look( name, root, cspf::Client::Access::observe );
+        EXPECT_TRUE( eventually( [&] {
+            const auto results = look.results( kTable );
+            return results.size() == ( served ? 11u : 10u ) &&
+                   hops( look, "10.0.0.4", 9 ) == kToR4;
+        } ) )
+            << name;
+    }
+}
