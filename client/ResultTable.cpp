@@ -19,7 +19,7 @@ ResultTable::ResultTable( Platform::StateTree& tree, Platform::Inotify& inotify,
 
 ResultTable::~ResultTable() = default;
 
-bool ResultTable::doOpen() {
+bool ResultTable::doOpen( bool reportHeld ) {
     if ( reader_ ) {
         return true;
     }
@@ -35,6 +35,10 @@ bool ResultTable::doOpen() {
     reader->corruptionHandlerIs( []( const Platform::Error& ) {} );
     reader->handleInitialized();
     reader_ = reader;
+    // A table that appears while followed is news, whichever call opened it.
+    if ( following() ) {
+        doFollowReader( reportHeld );
+    }
     return true;
 }
 
@@ -71,10 +75,13 @@ std::vector<PathResult> ResultTable::results() {
     return out;
 }
 
-void ResultTable::doFollowReader() {
+void ResultTable::doFollowReader( bool reportHeld ) {
     readerSub_ = Platform::subscribe(
         reader_.get(), Cspf::StatusReader::recordTag,
         [this]( const Cspf::PathKey& key ) { pending_.insert( key ); } );
+    for ( const auto& entry : reader_->keys() ) {
+        ( reportHeld ? pending_ : known_ ).insert( entry.first );
+    }
 }
 
 void ResultTable::followingIs( bool following, bool reportHeld ) {
@@ -91,12 +98,11 @@ void ResultTable::followingIs( bool following, bool reportHeld ) {
     const std::string directory = statePath_.substr( 0, statePath_.rfind( '/' ) );
     dir_ =
         Platform::create<Platform::DirectoryWatch>( tree_, inotify_, directory, false );
-    if ( doOpen() ) {
+    if ( reader_ ) {
         reader_->sync();
-        for ( const auto& entry : reader_->keys() ) {
-            ( reportHeld ? pending_ : known_ ).insert( entry.first );
-        }
-        doFollowReader();
+        doFollowReader( reportHeld );
+    } else {
+        doOpen( reportHeld );
     }
 }
 
@@ -125,10 +131,6 @@ void ResultTable::afterAttach() {
         throw;
     }
     refused_.clear();
-    doFollowReader();
-    for ( const auto& entry : reader_->keys() ) {
-        pending_.insert( entry.first );
-    }
 }
 
 void ResultTable::changesTake( std::vector<ResultChange>& out ) {

@@ -6,8 +6,10 @@
 // directories) may come and go at any time. A DirectoryWatch on the table's
 // directory (which watches the nearest existing ancestor while the directory
 // is missing) makes the client's inotify fd readable when the table appears;
-// afterAttach() then attaches to it, from process(), outside any dispatch.
-// The table reader itself follows the bell, replacements and removal.
+// afterAttach() then attaches to it, from process(), outside any dispatch,
+// unless a read (result(), results()) opened it first: a reader opened while
+// following is followed from its opening, whoever opened it. The table reader
+// itself follows the bell, replacements and removal.
 //
 // Changes are collected per key while inotify dispatches and handed out by
 // changesTake(): one change per key whose presence or value moved since the
@@ -62,9 +64,13 @@ class ResultTable {
     void changesTake( std::vector<ResultChange>& out );
 
   private:
-    // Opens the reader when the table exists; false when it does not.
-    bool doOpen();
-    void doFollowReader();
+    // Opens the reader when the table exists; false when it does not. While
+    // following, what the new reader holds is reported as added when
+    // `reportHeld`, else taken as known.
+    bool doOpen( bool reportHeld = true );
+    // Collects the reader's changes from now on; what it holds now is news
+    // when `reportHeld`, else known.
+    void doFollowReader( bool reportHeld );
     std::optional<PathResult> doLookup( const Cspf::PathKey& key ) const;
 
     Platform::StateTree& tree_;

@@ -48,7 +48,10 @@ TableReaderBase::TableReaderBase( StateTree& tree, Inotify* inotify,
         return;
     }
     // The directory tells of the file's creation, replacement and removal;
-    // the file itself of its writer's bell.
+    // the file itself of its writer's bell, and of its writer's descriptor
+    // closing: a writer that dies holding its bell (inside a batch) rings
+    // nothing, but the kernel closes its descriptor, and what it wrote is
+    // then taken in.
     const std::string name = baseName( core_.path() );
     dirWatch_ =
         inotify_->watch( dirName( core_.path() ),
@@ -93,7 +96,7 @@ bool TableReaderBase::doWatchFile() {
                 return false;
             }
             fileWatch_ =
-                inotify_->watch( core_.path(), IN_MODIFY | IN_ATTRIB,
+                inotify_->watch( core_.path(), IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE,
                                  [this]( uint32_t, std::string_view ) { sync(); } );
             if ( stat( core_.path().c_str(), &after ) != 0 ) {
                 return false;

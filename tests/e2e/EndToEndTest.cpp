@@ -4,12 +4,14 @@
 #include <cspf/Client.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -256,4 +258,90 @@ TEST_F( EndToEndTest, ManyClientsAtOnceEachGetTheirOwnResults ) {
         EXPECT_EQ( TestKit::reapChild( child, 60 ), 0 );
     }
     EXPECT_TRUE( agent_->running() );
+}
+
+TEST_F( EndToEndTest, AWatchSetBeforeTheFirstResultIsToldEveryChangeAsItsTableGrows ) {
+    // The watch is set before the agent published anything for te4, and the
+    // results are first read, not processed: whichever opens the table, the
+    // watch must hear it from then on, across every replacement as it grows.
+    cspf::Client client( "te4", dir_.path() );
+    std::map<std::string, Hops> told;
+    client.watchIs( [&]( const cspf::ResultChange& change ) {
+        told[change.destination + "/" + std::to_string( change.id )] =
+            change.result ? change.result->hops : Hops{ "<removed>" };
+    } );
+    std::set<ino_t> files;
+    // Every result the table holds was told in its final state.
+    const auto toldAll = [&]( size_t expected ) {
+        const auto results = client.results( kTable );
+        pollfd p{ client.fd(), POLLIN, 0 };
+        if ( poll( &p, 1, 10 ) > 0 ) {
+            client.process();
+        }
+        struct stat st;
+        if ( stat( statusTable( "te4" ).c_str(), &st ) == 0 ) {
+            files.insert( st.st_ino );
+        }
+        for ( const cspf::PathResult& r : results ) {
+            const auto it = told.find( r.destination + "/" + std::to_string( r.id ) );
+            if ( it == told.end() || it->second != r.hops ) {
+                return false;
+            }
+        }
+        return results.size() == expected;
+    };
+    const char* destinations[] = { "10.0.0.6", "10.0.0.4", "10.0.0.5" };
+    constexpr uint32_t kWave = 100;
+    for ( uint32_t wave = 0; wave < 3; ++wave ) {
+        client.batchBegin();
+        for ( uint32_t id = wave * kWave; id < ( wave + 1 ) * kWave; ++id ) {
+            client.requestIs( kTable, request( destinations[id % 3], id ) );
+        }
+        client.batchEnd();
+        if ( wave == 0 ) {
+            ASSERT_TRUE(
+                eventually( [&] { return client.results( kTable ).size() == kWave; } ) );
+        }
+        ASSERT_TRUE( eventually( [&] { return toldAll( ( wave + 1 ) * kWave ); } ) )
+            << "wave " << wave << ": " << told.size() << " told";
+    }
+    EXPECT_GE( files.size(), 3u );  // the result table was replaced as it grew
+
+    ctl( { "topo", "link", "down", "r1", "Ethernet2" } );
+    EXPECT_TRUE( eventually( [&] {
+        return toldAll( 3 * kWave ) && told["10.0.0.6/0"] == kToR6AvoidingR3 &&
+               told["10.0.0.4/1"] == kToR4AvoidingR3;
+    } ) );
+}
+
+TEST_F( EndToEndTest, WhatAClientKilledInsideABatchWroteIsServed ) {
+    // One client already served, one new: both die holding their bell.
+    const std::string root = dir_.path();
+    for ( const bool served : { true, false } ) {
+        const std::string name = served ? "te5" : "te6";
+        const pid_t child = TestKit::forkChild( [&] {
+            cspf::Client c( name, root );
+            if ( served ) {
+                c.requestIs( kTable, request( "10.0.0.6", 100 ) );
+                if ( !eventually(
+                         [&] { return c.result( kTable, "10.0.0.6", 100 ); } ) ) {
+                    return 1;
+                }
+            }
+            c.batchBegin();
+            for ( uint32_t id = 0; id < 10; ++id ) {
+                c.requestIs( kTable, request( "10.0.0.4", id ) );
+            }
+            kill( getpid(), SIGKILL );  // before batchEnd()
+            return 2;
+        } );
+        ASSERT_EQ( TestKit::reapChild( child, 30 ), -SIGKILL ) << name;
+        cspf::Client look( name, root, cspf::Client::Access::observe );
+        EXPECT_TRUE( eventually( [&] {
+            const auto results = look.results( kTable );
+            return results.size() == ( served ? 11u : 10u ) &&
+                   hops( look, "10.0.0.4", 9 ) == kToR4;
+        } ) )
+            << name;
+    }
 }
