@@ -52,6 +52,7 @@ TEST( StateTree, RefusesBadPathsNamingThem ) {
         { "/etc/passwd", "/etc/passwd", "must be relative" },
         { "a/../../b", "a/../../b", "relative directory name" },
         { "a/./b", "a/./b", "relative directory name" },
+        { "a/.t.tmp.1", "a/.t.tmp.1", "starts with '.'" },
         { "a/b\x01z", "a/b\\x01z", "control character" },
         { "a/" + longName + "/t", "a/" + longName + "/t", "longer than 100 bytes" },
     };
@@ -119,9 +120,10 @@ TEST( StateTree, ListsOnlyTablesInPathOrderAndRemovesNothingElse ) {
     StateTree tree( tmp.path() );
     const std::string r = tree.root();
     const std::string table = std::string( StateTree::kTableMagic ) + "payload";
-    for ( const char* dir : { "a/b/c", "a-x", ".hidden" } ) {
+    for ( const char* dir : { "a/b/c", "a-x" } ) {
         tree.makeDirectory( dir );
     }
+    mkdir( ( r + "/.hidden" ).c_str(), 0700 );
     for ( const char* t :
           { "z", "a/t1", "a/b/t2", "a/b/c/t3", "a-x/t", ".hidden/t", "a/.t1.tmp" } ) {
         writeFile( r + "/" + t, table );
