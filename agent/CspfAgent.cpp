@@ -134,9 +134,12 @@ void Agent::cliRequestDirSmIs() {
     if ( !eventLoop() ) {
         return;  // tests call the handlers directly
     }
+    // Made through the tree, which checks every directory on the way is ours:
+    // the socket is then bound by its path below them.
+    const std::string dir = joinStatePath( agentRoot(), kCommandRequestDir );
+    stateTree().makeDirectory( dir );
     cliRequestDirSm_ = std::make_unique<Platform::CommandChannel>(
-        *eventLoop(),
-        stateTree().directoryPath( joinStatePath( agentRoot(), kCommandRequestDir ) ) );
+        *eventLoop(), stateTree().directoryPath( dir ) );
 }
 
 Ptr<Platform::AgentCommandCallback> Agent::commandCallback(

@@ -1,9 +1,10 @@
 // The command channel's server side (CommandChannel) and its client (sendCommand).
 //
 // A connection is read non-blockingly on the loop until its line is whole;
-// only then does it become blocking, with a send timeout, for the handler's
-// answer. Deadlines of connections still being read share one timerfd, armed
-// for the earliest of them; every wake-up of the listening socket also sweeps.
+// the handler then writes its answer into a memory file, which is sent as the
+// client's socket drains, so that no client ever holds the loop. Deadlines of
+// connections (reading or answering) share one timerfd, armed for the earliest
+// of them; every wake-up of the listening socket also sweeps.
 // I/O deadlines follow CLOCK_MONOTONIC even when a test installs a manual
 // clock: they guard against real peers, not against the agent's own timers.
 #include "platform/CommandChannel.h"
@@ -12,6 +13,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/epoll.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/timerfd.h>
@@ -156,6 +158,9 @@ CommandChannel::Connection::~Connection() {
     watch.reset();  // before the close, while the fd still names this socket
     drain( fd );
     ::close( fd );
+    if ( answerFd >= 0 ) {
+        ::close( answerFd );
+    }
 }
 
 CommandChannel::CommandChannel( EventLoop& loop, std::string directory )
@@ -277,6 +282,14 @@ void CommandChannel::idleTimeoutIs( double seconds ) {
     idleTimeout_ = seconds;
 }
 
+void CommandChannel::answerLimitsIs( double seconds, size_t maxBytes ) {
+    if ( !std::isfinite( seconds ) || seconds <= 0 || maxBytes == 0 ) {
+        throw RangeError( "command channel answer limits must be positive" );
+    }
+    answerTimeout_ = seconds;
+    maxAnswerBytes_ = maxBytes;
+}
+
 void CommandChannel::handleListen() {
     doAccept();
     doSweep();
@@ -353,39 +366,43 @@ void CommandChannel::handleReadable( uint64_t id ) {
             return;
         }
         if ( newline ) {
-            // Whatever follows the newline is ignored.
-            auto node = connections_.extract( it );
-            doDispatch( std::move( node.mapped() ) );
+            doDispatch( id );  // whatever follows the newline is ignored
             return;
         }
     }
 }
 
-void CommandChannel::doDispatch( std::unique_ptr<Connection> connection ) {
-    connection->watch.reset();
-    doAcceptResume();
-    const std::string& line = connection->line;
-    const size_t space = line.find( ' ' );
-    const std::string name = line.substr( 0, space );
-    const std::string text = space == std::string::npos ? "" : line.substr( space + 1 );
+void CommandChannel::doDispatch( uint64_t id ) {
+    Connection& c = *connections_.at( id );
+    c.watch.reset();
+    const size_t space = c.line.find( ' ' );
+    const std::string name = c.line.substr( 0, space );
+    const std::string text = space == std::string::npos ? "" : c.line.substr( space + 1 );
     Ptr<AgentCommandCallback> handler = this->handler( name );
     if ( !handler ) {
-        ++refused_;
         TRACE3( "command channel " << path_ << ": unknown handler " << name );
-        sendAll( connection->fd, "Unknown handler " + name + "\n" );
+        doRefuse( id, "Unknown handler " + name + "\n" );
         return;
     }
-    // Blocking from here on, so that a large answer is written whole; the send
-    // timeout keeps a client that stopped reading from holding the agent.
-    const int fd = connection->fd;
-    int flags = ::fcntl( fd, F_GETFL );
-    timeval timeout{};
-    timeout.tv_sec = static_cast<time_t>( kSendTimeout );
-    if ( flags < 0 || ::fcntl( fd, F_SETFL, flags & ~O_NONBLOCK ) != 0 ||
-         ::setsockopt( fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof( timeout ) ) != 0 ) {
+    size_t pending = 0;
+    for ( const auto& [other, connection] : connections_ ) {
+        pending += connection->answerSize - connection->sent;
+    }
+    if ( pending >= kMaxPendingAnswerBytes ) {
+        TRACE0( "command channel " << path_ << ": busy, " << pending
+                                   << " answer bytes wait for their readers" );
+        doRefuse( id, "Error: busy: earlier answers are still being read\n" );
+        return;
+    }
+    // The answer's room: a memory file that cannot grow past the cap, so a
+    // handler's writes neither block nor take more than that.
+    c.answerFd = ::memfd_create( "command-answer", MFD_CLOEXEC | MFD_ALLOW_SEALING );
+    if ( c.answerFd < 0 || ::ftruncate( c.answerFd, off_t( maxAnswerBytes_ ) ) != 0 ||
+         ::fcntl( c.answerFd, F_ADD_SEALS, F_SEAL_GROW ) != 0 ) {
         ++dropped_;
-        TRACE0( "command channel "
-                << path_ << ": cannot prepare connection: " << errnoText( errno ) );
+        TRACE0( "command channel " << path_
+                                   << ": cannot make an answer: " << errnoText( errno ) );
+        doClose( id );
         return;
     }
     ++commands_;
@@ -396,15 +413,66 @@ void CommandChannel::doDispatch( std::unique_ptr<Connection> connection ) {
         ~Dispatching() { flag = false; }
     } dispatching{ dispatching_ };
     try {
-        handler->handleCommand( static_cast<uint32_t>( fd ), text );
+        handler->handleCommand( static_cast<uint32_t>( c.answerFd ), text );
     } catch ( const Error& e ) {
         // The command's own bad input: tell the operator, keep serving.
         TRACE0( "command " << name << " '" << text << "' failed: " << e.what() );
-        sendAll( fd, std::string( "Error: " ) + e.what() + "\n" );
+        c.tail = std::string( "Error: " ) + e.what() + "\n";
     }
+    const off_t end = ::lseek( c.answerFd, 0, SEEK_CUR );
+    c.answerSize = end > 0 ? std::min( size_t( end ), maxAnswerBytes_ ) : 0;
+    if ( c.answerSize == maxAnswerBytes_ ) {
+        TRACE0( "command " << name << " '" << text << "': answer cut at "
+                           << maxAnswerBytes_ << " bytes" );
+        c.tail =
+            "\nAnswer cut at " + std::to_string( maxAnswerBytes_ ) + " bytes\n" + c.tail;
+    }
+    c.deadline = monotonicNow() + answerTimeout_;
+    c.watch =
+        loop_.watchFd( c.fd, EPOLLOUT, [this, id]( uint32_t ) { handleWritable( id ); } );
+    handleWritable( id );
+    doArm();
 }
 
-void CommandChannel::doRefuse( uint64_t id, const char* answer ) {
+void CommandChannel::handleWritable( uint64_t id ) {
+    auto it = connections_.find( id );
+    if ( it == connections_.end() ) {
+        return;
+    }
+    Connection& c = *it->second;
+    char buf[64 * 1024];
+    const size_t total = c.answerSize + c.tail.size();
+    while ( c.sent < total ) {
+        size_t len;
+        if ( c.sent < c.answerSize ) {
+            const ssize_t n = ::pread( c.answerFd, buf,
+                                       std::min( sizeof( buf ), c.answerSize - c.sent ),
+                                       off_t( c.sent ) );
+            if ( n <= 0 ) {
+                break;  // cannot happen to a memory file of ours; end the answer
+            }
+            len = size_t( n );
+        } else {
+            len = std::min( sizeof( buf ), total - c.sent );
+            std::memcpy( buf, c.tail.data() + ( c.sent - c.answerSize ), len );
+        }
+        const ssize_t n = ::send( c.fd, buf, len, MSG_NOSIGNAL | MSG_DONTWAIT );
+        if ( n < 0 && errno == EINTR ) {
+            continue;
+        }
+        if ( n < 0 && ( errno == EAGAIN || errno == EWOULDBLOCK ) ) {
+            return;  // EPOLLOUT brings us back when the client has read
+        }
+        if ( n <= 0 ) {
+            ++dropped_;  // the client went away mid-answer
+            break;
+        }
+        c.sent += size_t( n );
+    }
+    doClose( id );
+}
+
+void CommandChannel::doRefuse( uint64_t id, const std::string& answer ) {
     ++refused_;
     auto it = connections_.find( id );
     sendAll( it->second->fd, answer );
@@ -433,7 +501,7 @@ void CommandChannel::doSweep() {
     const double now = monotonicNow();
     for ( auto it = connections_.begin(); it != connections_.end(); ) {
         if ( it->second->deadline <= now ) {
-            ++dropped_;  // silent for too long
+            ++dropped_;  // silent, or not reading its answer, for too long
             it = connections_.erase( it );
         } else {
             ++it;
@@ -483,6 +551,15 @@ void CommandChannel::dumpState( DumpContext& context, unsigned indent ) const {
     }
     const double now = monotonicNow();
     for ( const auto& [id, c] : connections_ ) {
+        if ( c->answerFd >= 0 ) {
+            objDumpLine(
+                context, indent + 2,
+                "connection %llu fd %d: answering, %zu of %zu bytes sent, %.3f s "
+                "left\n",
+                static_cast<unsigned long long>( id ), c->fd, c->sent,
+                c->answerSize + c->tail.size(), c->deadline - now );
+            continue;
+        }
         objDumpLine( context, indent + 2,
                      "connection %llu fd %d: %zu bytes read, %.3f s left\n",
                      static_cast<unsigned long long>( id ), c->fd, c->line.size(),

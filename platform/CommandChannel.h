@@ -24,8 +24,9 @@ class FdWatch;
 
 class AgentCommandCallback : public RefCounted {
   public:
-    // Writes the answer to `fd`, which is blocking with a send timeout; the
-    // channel closes it once this returns. A Platform::Error thrown here is
+    // Writes the answer to `fd`, a memory file the channel owns: writes never
+    // block, and the channel sends what was written to the client as its
+    // socket drains, after this returns. A Platform::Error thrown here is
     // answered as "Error: <what>" and the agent keeps running.
     virtual void handleCommand( uint32_t fd, const std::string& text ) = 0;
 };
@@ -36,7 +37,13 @@ class CommandChannel {
     // Longest line accepted, its newline not counted.
     static constexpr size_t kMaxLineBytes = 4096;
     static constexpr double kDefaultIdleTimeout = 5.0;
-    static constexpr double kSendTimeout = 5.0;
+    // An answer is cut at this size ("Answer cut at N bytes" ends it), and a
+    // client that has not read it whole this long after its command is dropped.
+    static constexpr size_t kMaxAnswerBytes = 64 << 20;
+    static constexpr double kAnswerTimeout = 60.0;
+    // While answers of this many bytes in all wait for their readers, further
+    // commands are refused.
+    static constexpr size_t kMaxPendingAnswerBytes = 256 << 20;
     // Beyond this many connections still being read, accepting pauses and
     // further clients wait in the listen backlog.
     static constexpr size_t kMaxConnections = 256;
@@ -62,6 +69,8 @@ class CommandChannel {
     // accept; applies to connections accepted afterwards.
     void idleTimeoutIs( double seconds );
     double idleTimeout() const { return idleTimeout_; }
+    // The answer deadline and size cap for commands dispatched afterwards.
+    void answerLimitsIs( double seconds, size_t maxBytes );
 
     const std::string& directory() const { return directory_; }
     const std::string& path() const { return path_; }
@@ -73,20 +82,27 @@ class CommandChannel {
     void dumpState( DumpContext& context, unsigned indent ) const;
 
   private:
+    // Read until its line is whole, then answered: the handler's answer
+    // (`answerFd`, `answerSize` bytes, then `tail`) sent as the socket drains.
     struct Connection {
         int fd = -1;
         double deadline = 0;
         std::string line;
         std::unique_ptr<FdWatch> watch;
+        int answerFd = -1;
+        size_t answerSize = 0;
+        size_t sent = 0;
+        std::string tail;
         ~Connection();
     };
 
     void handleListen();
     void handleReadable( uint64_t id );
+    void handleWritable( uint64_t id );
     void handleTimer();
     void doAccept();
-    void doDispatch( std::unique_ptr<Connection> connection );
-    void doRefuse( uint64_t id, const char* answer );
+    void doDispatch( uint64_t id );
+    void doRefuse( uint64_t id, const std::string& answer );
     void doClose( uint64_t id );
     void doSweep();
     void doArm();
@@ -109,6 +125,8 @@ class CommandChannel {
     double acceptRetryAt_ = 0;
     double armedFor_ = 0;  // 0: the timer is not armed
     double idleTimeout_ = kDefaultIdleTimeout;
+    double answerTimeout_ = kAnswerTimeout;
+    size_t maxAnswerBytes_ = kMaxAnswerBytes;
     bool dispatching_ = false;
     uint64_t nextId_ = 1;
     uint64_t commands_ = 0;

@@ -23,6 +23,7 @@
 #include "platform/Inotify.h"
 #include "platform/PathComponent.h"
 #include "platform/StateTree.h"
+#include "platform/TreeDir.h"
 
 namespace Platform {
 
@@ -74,18 +75,12 @@ DirectoryWatch::DirectoryWatch( StateTree& tree, Inotify& inotify, std::string s
 
 DirectoryWatch::~DirectoryWatch() = default;
 
-bool DirectoryWatch::doIsDirectory( const std::string& path ) const {
-    // Inside the tree symlinks are never followed; the root and above may be
-    // reached through one.
-    bool inside = path.size() > tree_.root().size();
+std::string DirectoryWatch::doNearestAboveRoot() const {
+    // Above the root links may be followed: the root may be reached through one.
+    std::string path = parentOf( tree_.root() );
     struct stat st;
-    int rc = inside ? ::lstat( path.c_str(), &st ) : ::stat( path.c_str(), &st );
-    return rc == 0 && S_ISDIR( st.st_mode );
-}
-
-std::string DirectoryWatch::doNearestDirectory() const {
-    std::string path = directory_;
-    while ( path != "/" && !doIsDirectory( path ) ) {
+    while ( path != "/" &&
+            !( ::stat( path.c_str(), &st ) == 0 && S_ISDIR( st.st_mode ) ) ) {
         path = parentOf( path );
     }
     return path;
@@ -98,42 +93,37 @@ void DirectoryWatch::doAttach() {
     nextName_.clear();
     for ( int attempt = 1;; ++attempt ) {
         const bool retry = attempt < kMaxAttempts;
-        std::string nearest = doNearestDirectory();
-        uint32_t noFollow = nearest.size() > tree_.root().size() ? IN_DONT_FOLLOW : 0;
-        if ( nearest == directory_ ) {
-            try {
-                directoryWatch_ =
-                    inotify_.watch( directory_, kDirectoryMask | noFollow,
-                                    [this]( uint32_t mask, std::string_view name ) {
-                                        handleDirectoryEvent( mask, name );
-                                    } );
-            } catch ( const Error& ) {
-                if ( retry && !doIsDirectory( directory_ ) ) {
-                    continue;  // gone again between the look and the watch
-                }
-                throw;
+        // Opened one component at a time, never through a symlink: a link
+        // where a directory should be counts as a missing directory.
+        const TreeDir dir = tree_.directory( statePath_ );
+        auto watchHere = [&]( uint32_t mask, Inotify::Callback callback ) {
+            return dir.fd() >= 0 ? inotify_.watch( dir.fd(), dir.path(), mask, callback )
+                                 : inotify_.watch( ancestor_, mask, callback );
+        };
+        struct stat st;
+        if ( dir.complete() ) {
+            directoryWatch_ = watchHere( kDirectoryMask,
+                                         [this]( uint32_t mask, std::string_view name ) {
+                                             handleDirectoryEvent( mask, name );
+                                         } );
+            if ( retry && ( ::fstat( dir.fd(), &st ) != 0 || st.st_nlink == 0 ) ) {
+                continue;  // removed between the open and the watch
             }
-            doApply( doScan() );
+            doApply( doScan( dir ) );
             return;
         }
-        try {
-            ancestorWatch_ =
-                inotify_.watch( nearest, kAncestorMask | noFollow,
-                                [this]( uint32_t mask, std::string_view name ) {
-                                    handleAncestorEvent( mask, name );
-                                } );
-        } catch ( const Error& ) {
-            if ( retry && !doIsDirectory( nearest ) ) {
-                continue;
-            }
-            throw;
-        }
-        size_t start = nearest == "/" ? 1 : nearest.size() + 1;
+        ancestor_ = dir.fd() >= 0 ? dir.path() : doNearestAboveRoot();
+        ancestorWatch_ =
+            watchHere( kAncestorMask, [this]( uint32_t mask, std::string_view name ) {
+                handleAncestorEvent( mask, name );
+            } );
+        size_t start = ancestor_ == "/" ? 1 : ancestor_.size() + 1;
         nextName_ = directory_.substr( start, directory_.find( '/', start ) - start );
-        ancestor_ = nearest;
-        std::string next = nearest == "/" ? "/" + nextName_ : nearest + "/" + nextName_;
-        if ( retry && doIsDirectory( next ) ) {
-            ancestorWatch_.reset();  // made between the look and the watch
+        // Watch first, look second: the next directory may have come meanwhile.
+        const TreeDir again = tree_.directory( statePath_ );
+        if ( retry && ( again.depth() != dir.depth() ||
+                        ( again.fd() >= 0 ) != ( dir.fd() >= 0 ) ) ) {
+            ancestorWatch_.reset();
             continue;
         }
         doApply( {} );
@@ -160,14 +150,10 @@ void DirectoryWatch::resync() {
     doAttach();
 }
 
-std::vector<std::string> DirectoryWatch::doScan() const {
+std::vector<std::string> DirectoryWatch::doScan( const TreeDir& directory ) const {
     std::vector<std::string> names;
-    int noFollow = directory_.size() > tree_.root().size() ? O_NOFOLLOW : 0;
-    int fd = ::open( directory_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | noFollow );
+    const int fd = ::fcntl( directory.fd(), F_DUPFD_CLOEXEC, 0 );
     if ( fd < 0 ) {
-        if ( errno == ENOENT || errno == ENOTDIR || errno == ELOOP ) {
-            return names;  // gone already: its own event follows
-        }
         throw Error( "cannot list " + directory_ + ": " + std::strerror( errno ) );
     }
     DIR* dir = ::fdopendir( fd );

@@ -26,6 +26,7 @@ class DumpContext;
 class Inotify;
 class InotifyWatch;
 class StateTree;
+class TreeDir;
 
 class DirectoryWatch : public Entity {
   public:
@@ -61,9 +62,9 @@ class DirectoryWatch : public Entity {
     void doAttach();
     // doAttach (or resync) from an event: a failure is kept, not thrown.
     void doReattach( bool rescan );
-    bool doIsDirectory( const std::string& path ) const;
-    std::string doNearestDirectory() const;
-    std::vector<std::string> doScan() const;
+    // The nearest existing directory above a missing root.
+    std::string doNearestAboveRoot() const;
+    std::vector<std::string> doScan( const TreeDir& directory ) const;
     void doApply( const std::vector<std::string>& names );
     // Whether only our own keep-alives still hold this watch: its owner let
     // go during a notification, so nothing more is reported.

@@ -22,6 +22,7 @@
 #include "platform/DumpContext.h"
 #include "platform/Error.h"
 #include "platform/EventLoop.h"
+#include "platform/TreeDir.h"
 
 namespace Platform {
 
@@ -69,10 +70,21 @@ Inotify::~Inotify() {
 
 std::unique_ptr<InotifyWatch> Inotify::watch( const std::string& absolutePath,
                                               uint32_t mask, Callback callback ) {
+    return doWatch( absolutePath, absolutePath, mask, std::move( callback ) );
+}
+
+std::unique_ptr<InotifyWatch> Inotify::watch( int fd, const std::string& shownPath,
+                                              uint32_t mask, Callback callback ) {
+    return doWatch( TreeDir::fdPath( fd ), shownPath, mask, std::move( callback ) );
+}
+
+std::unique_ptr<InotifyWatch> Inotify::doWatch( const std::string& kernelPath,
+                                                const std::string& absolutePath,
+                                                uint32_t mask, Callback callback ) {
     CSPF_ASSERT( callback );
     // IN_MASK_ADD: another handle may already watch this inode with other
     // events; the kernel mask must cover both.
-    int wd = inotify_add_watch( fd_, absolutePath.c_str(), mask | IN_MASK_ADD );
+    int wd = inotify_add_watch( fd_, kernelPath.c_str(), mask | IN_MASK_ADD );
     if ( wd < 0 ) {
         throw Error( "cannot watch " + absolutePath +
                      " with inotify: " + std::strerror( errno ) );

@@ -80,6 +80,10 @@ class Inotify {
     // Error naming the path and the system's reason when the kernel refuses.
     std::unique_ptr<InotifyWatch> watch( const std::string& absolutePath, uint32_t mask,
                                          Callback callback );
+    // As watch, on what is open on `fd` (the very inode, whatever its path
+    // names by now, and never reached through a symlink); `shownPath` names it.
+    std::unique_ptr<InotifyWatch> watch( int fd, const std::string& shownPath,
+                                         uint32_t mask, Callback callback );
 
     // Kernel watches (wds) held, and live handles on them.
     size_t watchedPaths() const;
@@ -91,6 +95,10 @@ class Inotify {
 
   private:
     friend class InotifyWatch;
+
+    std::unique_ptr<InotifyWatch> doWatch( const std::string& kernelPath,
+                                           const std::string& shownPath, uint32_t mask,
+                                           Callback callback );
 
     struct Entry {
         InotifyWatch* handle;  // null once destroyed; removed after the dispatch

@@ -21,6 +21,11 @@ const char* problem( std::string_view name ) {
     if ( name == "." || name == ".." ) {
         return "is a relative directory name";
     }
+    if ( name.front() == '.' ) {
+        // Listings and directory watches pass over dot names (a writer's
+        // temporary files): such a name would never be seen.
+        return "starts with '.'";
+    }
     for ( char c : name ) {
         if ( c == '/' ) {
             return "contains '/'";

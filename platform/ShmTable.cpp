@@ -19,6 +19,7 @@
 #include "platform/Assert.h"
 #include "platform/Clock.h"
 #include "platform/Error.h"
+#include "platform/TreeDir.h"
 
 namespace Platform {
 
@@ -404,16 +405,6 @@ void ShmTableFile::close() {
     geometry_ = TableGeometry();
 }
 
-void ShmTableFile::open( const std::string& path, const TableLayout& layout,
-                         bool writable ) {
-    int fd =
-        ::open( path.c_str(), ( writable ? O_RDWR : O_RDONLY ) | O_CLOEXEC | O_NOFOLLOW );
-    if ( fd < 0 ) {
-        throw Error( sysError( "cannot open table", path ) );
-    }
-    adopt( fd, path, layout, writable );
-}
-
 void ShmTableFile::adopt( int fd, const std::string& path, const TableLayout& layout,
                           bool writable ) {
     close();
@@ -516,10 +507,51 @@ bool ShmTableFile::unlinked() const {
     return fd_ >= 0 && fstat( fd_, &st ) == 0 && st.st_nlink == 0;
 }
 
+// ---------------------------------------------------------------- paths
+
+TablePath::TablePath( const std::string& absolutePath ) {
+    const size_t slash = absolutePath.rfind( '/' );
+    root = slash == std::string::npos ? "."
+           : slash == 0               ? "/"
+                                      : absolutePath.substr( 0, slash );
+    name = absolutePath.substr( slash == std::string::npos ? 0 : slash + 1 );
+}
+
+TablePath::TablePath( std::string rootDir, std::string_view relative )
+    : root( std::move( rootDir ) ) {
+    const size_t slash = relative.rfind( '/' );
+    if ( slash != std::string_view::npos ) {
+        directory = relative.substr( 0, slash );
+    }
+    name = relative.substr( slash == std::string_view::npos ? 0 : slash + 1 );
+}
+
+std::string TablePath::full() const {
+    return root + ( root.back() == '/' ? "" : "/" ) + directory +
+           ( directory.empty() ? "" : "/" ) + name;
+}
+
+namespace {
+
+// The table's directory, opened without following links; Error when missing.
+TreeDir tableDirectory( const TablePath& where ) {
+    TreeDir dir( where.root, where.directory );
+    if ( !dir.complete() ) {
+        throw Error( "cannot open table " + where.full() +
+                     ": a directory on the way is missing or a symlink" );
+    }
+    return dir;
+}
+
+}  // namespace
+
 // ---------------------------------------------------------------- writer
 
-ShmTableWriter::ShmTableWriter( std::string path, TableLayout layout, TableFileMode mode )
-    : path_( std::move( path ) ), layout_( std::move( layout ) ), mode_( mode ) {
+ShmTableWriter::ShmTableWriter( TablePath where, TableLayout layout, TableFileMode mode )
+    : where_( std::move( where ) ),
+      path_( where_.full() ),
+      layout_( std::move( layout ) ),
+      mode_( mode ) {
     if ( layout_.typeName.size() > 63 || layout_.keySize == 0 ||
          layout_.keySize > kMaxKeySize || layout_.maxValueSize > kMaxValueSize ) {
         throw Error( "table " + path_ + ": unsupported layout for " + layout_.typeName );
@@ -532,14 +564,15 @@ ShmTableWriter::~ShmTableWriter() {
 }
 
 // Removes the temporary files that writers of this table stopped before
-// renaming: ".<name>.tmp.<pid>" whose pid no longer runs.
-void removeStaleTemporaries( const std::string& path ) {
-    const size_t slash = path.rfind( '/' );
-    const std::string dir = slash == std::string::npos ? "." : path.substr( 0, slash );
-    const std::string prefix =
-        "." + ( slash == std::string::npos ? path : path.substr( slash + 1 ) ) + ".tmp.";
-    DIR* d = opendir( dir.c_str() );
+// renaming: ".<name>.tmp.<pid>" whose pid no longer runs, when they are ours.
+void removeStaleTemporaries( const TreeDir& dir, const std::string& table ) {
+    const std::string prefix = "." + table + ".tmp.";
+    const int own = fcntl( dir.fd(), F_DUPFD_CLOEXEC, 0 );
+    DIR* d = own < 0 ? nullptr : fdopendir( own );
     if ( !d ) {
+        if ( own >= 0 ) {
+            ::close( own );
+        }
         return;
     }
     while ( dirent* e = readdir( d ) ) {
@@ -548,17 +581,20 @@ void removeStaleTemporaries( const std::string& path ) {
             continue;
         }
         const long pid = std::strtol( name.c_str() + prefix.size(), nullptr, 10 );
-        if ( pid > 0 && kill( static_cast<pid_t>( pid ), 0 ) != 0 && errno == ESRCH ) {
-            unlinkat( dirfd( d ), name.c_str(), 0 );
+        if ( pid > 0 && kill( static_cast<pid_t>( pid ), 0 ) != 0 && errno == ESRCH &&
+             TreeDir::isOurFileAt( dir.fd(), name.c_str() ) ) {
+            unlinkat( dir.fd(), name.c_str(), 0 );
         }
     }
     closedir( d );
 }
 
 void ShmTableWriter::doAttach() {
-    removeStaleTemporaries( path_ );
+    const TreeDir dir = tableDirectory( where_ );
+    removeStaleTemporaries( dir, where_.name );
     for ( int attempt = 0; attempt < 100; ++attempt ) {
-        int fd = ::open( path_.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW );
+        int fd =
+            ::openat( dir.fd(), where_.name.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW );
         if ( fd < 0 ) {
             if ( errno != ENOENT ) {
                 throw Error( sysError( "cannot open table", path_ ) );
@@ -573,12 +609,20 @@ void ShmTableWriter::doAttach() {
             ::close( fd );
             throw Error( "table " + path_ + " already has a writer" );
         }
+        struct stat st;
+        const bool ours =
+            fstat( fd, &st ) == 0 && S_ISREG( st.st_mode ) && st.st_uid == geteuid();
         try {
             file_.adopt( fd, path_, layout_, true );
-        } catch ( const CorruptionError& ) {
+        } catch ( const CorruptionError& e ) {
             // Nothing in a file with an unsound header can be trusted: the
             // table starts again, empty. We held its lock, so no writer lives.
-            ::unlink( path_.c_str() );
+            // Only a file of our own user is ours to remove.
+            if ( !ours ) {
+                throw Error( std::string( e.what() ) +
+                             "; not owned by this process's user, left in place" );
+            }
+            unlinkat( dir.fd(), where_.name.c_str(), 0 );
             continue;
         }
         if ( file_.replaced() || file_.unlinked() ) {
@@ -659,20 +703,18 @@ void ShmTableWriter::doRebuild( uint32_t minRecords, size_t minHeap ) {
 
     // Build the new file beside the old one, under a dot name that no listing
     // shows, locked before anyone can see it.
-    const size_t slash = path_.rfind( '/' );
-    const std::string dir = slash == std::string::npos ? "." : path_.substr( 0, slash );
-    const std::string base =
-        slash == std::string::npos ? path_ : path_.substr( slash + 1 );
-    const std::string tmp = dir + "/." + base + ".tmp." + std::to_string( getpid() );
-    int fd = ::open( tmp.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW,
-                     mode_.fileMode );
+    const TreeDir dir = tableDirectory( where_ );
+    const std::string tmpName = "." + where_.name + ".tmp." + std::to_string( getpid() );
+    const char* tmp = tmpName.c_str();
+    int fd = ::openat( dir.fd(), tmp, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW,
+                       mode_.fileMode );
     if ( fd < 0 ) {
-        throw Error( sysError( "cannot create table", tmp ) );
+        throw Error( sysError( "cannot create table", dir.path() + "/" + tmpName ) );
     }
     auto fail = [&]( const std::string& what ) {
         int e = errno;
         ::close( fd );
-        ::unlink( tmp.c_str() );
+        unlinkat( dir.fd(), tmp, 0 );
         errno = e;
         throw Error( sysError( what, path_ ) );
     };
@@ -756,19 +798,19 @@ void ShmTableWriter::doRebuild( uint32_t minRecords, size_t minHeap ) {
     munmap( p, total );
     if ( fresh ) {
         // A new table: appear only if nobody created it meanwhile.
-        if ( link( tmp.c_str(), path_.c_str() ) != 0 ) {
+        if ( linkat( dir.fd(), tmp, dir.fd(), where_.name.c_str(), 0 ) != 0 ) {
             int e = errno;
             ::close( fd );
-            ::unlink( tmp.c_str() );
+            unlinkat( dir.fd(), tmp, 0 );
             if ( e == EEXIST ) {
                 return;  // the caller attaches to the other one
             }
             errno = e;
             throw Error( sysError( "cannot create table", path_ ) );
         }
-        ::unlink( tmp.c_str() );
+        unlinkat( dir.fd(), tmp, 0 );
     } else {
-        if ( rename( tmp.c_str(), path_.c_str() ) != 0 ) {
+        if ( renameat( dir.fd(), tmp, dir.fd(), where_.name.c_str() ) != 0 ) {
             fail( "cannot replace table" );
         }
         // Tell readers of the old file to move to the new one.
@@ -1036,21 +1078,33 @@ size_t ShmTableWriter::residentBytes() const {
 
 // ---------------------------------------------------------------- reader
 
-ShmTableReader::ShmTableReader( std::string path, TableLayout layout )
-    : path_( std::move( path ) ), layout_( std::move( layout ) ) {
+ShmTableReader::ShmTableReader( TablePath where, TableLayout layout )
+    : where_( std::move( where ) ),
+      path_( where_.full() ),
+      layout_( std::move( layout ) ) {
     if ( doOpen() ) {
         doResync( {} );
     }
 }
 
 bool ShmTableReader::doOpen() {
-    if ( access( path_.c_str(), F_OK ) != 0 ) {
+    const TreeDir dir( where_.root, where_.directory );
+    if ( !dir.complete() ) {
         return false;
     }
+    const int fd =
+        openat( dir.fd(), where_.name.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW );
+    if ( fd < 0 ) {
+        if ( errno == ENOENT ) {
+            return false;
+        }
+        throw Error( sysError( "cannot open table", path_ ) );
+    }
     try {
-        file_.open( path_, layout_, false );
+        file_.adopt( fd, path_, layout_, false );
     } catch ( const Error& ) {
-        if ( access( path_.c_str(), F_OK ) != 0 ) {
+        if ( faccessat( dir.fd(), where_.name.c_str(), F_OK, AT_SYMLINK_NOFOLLOW ) !=
+             0 ) {
             return false;  // it went while we looked
         }
         throw;

@@ -37,6 +37,21 @@ struct TableLayout {
     uint32_t maxValueSize = 0;  // values have 0..maxValueSize bytes
 };
 
+// Where a table file is: a root directory, the directory below it and the
+// file's name. Nothing below the root is reached through a symlink
+// (platform/TreeDir.h). A plain absolute path takes the file's own directory
+// as its root.
+struct TablePath {
+    TablePath( const std::string& absolutePath );  // NOLINT: a path is one
+    TablePath( const char* absolutePath ) : TablePath( std::string( absolutePath ) ) {}
+    TablePath( std::string rootDir, std::string_view relative );
+    std::string full() const;
+
+    std::string root;
+    std::string directory;  // below the root, "" for the root itself
+    std::string name;
+};
+
 struct TableFileMode {
     uint32_t fileMode = 0600;
     int group = -1;  // chown group when >= 0
@@ -68,12 +83,11 @@ class ShmTableFile {
     ShmTableFile( const ShmTableFile& ) = delete;
     ShmTableFile& operator=( const ShmTableFile& ) = delete;
 
-    // Maps an existing file and checks it against `layout`. Throws
-    // CorruptionError (named by `path`) for a file that is not a sound table
-    // and Error for a table of another type or layout.
-    void open( const std::string& path, const TableLayout& layout, bool writable );
-    // As open, on a descriptor the caller opened (and may hold locked); the
-    // file takes it over, also when the check fails.
+    // Maps the file open on `fd` (which the caller opened, and may hold
+    // locked) and checks it against `layout`; the file takes the descriptor
+    // over, also when the check fails. Throws CorruptionError (named by
+    // `path`) for a file that is not a sound table and Error for a table of
+    // another type or layout.
     void adopt( int fd, const std::string& path, const TableLayout& layout,
                 bool writable );
     void close();
@@ -101,7 +115,7 @@ class ShmTableWriter {
     // Creates the table at `path` or re-attaches to the one there, keeping
     // its content (a record that a stopped writer left half-written is
     // dropped). Throws Error when another live process writes the table.
-    ShmTableWriter( std::string path, TableLayout layout, TableFileMode mode = {} );
+    ShmTableWriter( TablePath where, TableLayout layout, TableFileMode mode = {} );
     ~ShmTableWriter();
     ShmTableWriter( const ShmTableWriter& ) = delete;
     ShmTableWriter& operator=( const ShmTableWriter& ) = delete;
@@ -139,6 +153,7 @@ class ShmTableWriter {
     void doFree( uint64_t offset, uint32_t len );
     void doRecordChange( uint32_t slot, uint64_t version );
 
+    TablePath where_;
     std::string path_;
     TableLayout layout_;
     TableFileMode mode_;
@@ -164,7 +179,7 @@ class ShmTableReader {
   public:
     // Maps the table at `path` when it exists (else the reader starts
     // detached); throws as ShmTableFile::open does.
-    ShmTableReader( std::string path, TableLayout layout );
+    ShmTableReader( TablePath where, TableLayout layout );
 
     const std::string& path() const { return path_; }
 
@@ -205,6 +220,7 @@ class ShmTableReader {
     // The key's version (0 when absent) and its slot (-1 when absent).
     uint64_t doVersionOf( const void* key, int64_t* slot ) const;
 
+    TablePath where_;
     std::string path_;
     TableLayout layout_;
     ShmTableFile file_;

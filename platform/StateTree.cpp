@@ -16,6 +16,7 @@
 #include "platform/DumpContext.h"
 #include "platform/Error.h"
 #include "platform/PathComponent.h"
+#include "platform/TreeDir.h"
 
 namespace Platform {
 
@@ -59,24 +60,26 @@ bool isDirectory( const std::string& path ) {
     return ::stat( path.c_str(), &st ) == 0 && S_ISDIR( st.st_mode );
 }
 
-// Opens a directory of the tree for listing; -1 when it is missing, not a
-// directory or a symlink.
-int openDirectory( const std::string& path ) {
-    int fd = ::open( path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC );
-    if ( fd < 0 && errno != ENOENT && errno != ENOTDIR && errno != ELOOP ) {
-        throwOsError( "cannot list " + path, errno );
+// The directory part and the last name of a checked state path.
+std::pair<std::string_view, std::string> splitLast( std::string_view statePath ) {
+    const size_t slash = statePath.rfind( '/' );
+    if ( slash == std::string_view::npos ) {
+        return { std::string_view(), std::string( statePath ) };
     }
-    return fd;
+    return { statePath.substr( 0, slash ), std::string( statePath.substr( slash + 1 ) ) };
 }
 
-// Non-dot names of an open directory (which this closes): subdirectories (a
-// symlink is not one) into `dirs`, table files into `tables` when given.
+// Non-dot names of an open directory: subdirectories (a symlink is not one)
+// into `dirs`, table files into `tables`.
 void readDirectory( int fd, const std::string& path, std::vector<std::string>& dirs,
-                    std::vector<std::string>* tables ) {
-    DIR* dir = ::fdopendir( fd );
+                    std::vector<std::string>& tables ) {
+    const int own = ::fcntl( fd, F_DUPFD_CLOEXEC, 0 );
+    DIR* dir = own < 0 ? nullptr : ::fdopendir( own );
     if ( !dir ) {
         int err = errno;
-        ::close( fd );
+        if ( own >= 0 ) {
+            ::close( own );
+        }
         throwOsError( "cannot list " + path, err );
     }
     while ( const dirent* ent = ::readdir( dir ) ) {
@@ -90,9 +93,8 @@ void readDirectory( int fd, const std::string& path, std::vector<std::string>& d
         }
         if ( S_ISDIR( st.st_mode ) ) {
             dirs.emplace_back( name );
-        } else if ( tables && S_ISREG( st.st_mode ) &&
-                    StateTree::isTableAt( fd, name ) ) {
-            tables->emplace_back( name );
+        } else if ( S_ISREG( st.st_mode ) && StateTree::isTableAt( fd, name ) ) {
+            tables.emplace_back( name );
         }
     }
     ::closedir( dir );
@@ -121,6 +123,10 @@ StateTree::StateTree( std::string root, Permissions permissions )
         root_.pop_back();
     }
     doMakeDirs( root_ );
+    if ( !TreeDir( root_, "" ).complete() ) {
+        throw Error( "cannot use state root " + root_ +
+                     ": a symlink or not a directory" );
+    }
 }
 
 std::string StateTree::doPath( std::string_view statePath, bool rootAllowed ) const {
@@ -190,16 +196,19 @@ void StateTree::doMakeDirs( const std::string& absolutePath ) const {
     }
 }
 
+TreeDir StateTree::directory( std::string_view statePath, bool create ) const {
+    directoryPath( statePath );  // checks every component
+    const TreeDir::Create how{ dirMode(), permissions_.group };
+    return TreeDir( root_, statePath, create ? &how : nullptr );
+}
+
 void StateTree::makeParents( std::string_view statePath ) const {
-    std::string path = filePath( statePath );
-    size_t slash = path.rfind( '/' );
-    if ( slash > root_.size() ) {
-        doMakeDirs( path.substr( 0, slash ) );
-    }
+    filePath( statePath );
+    directory( splitLast( statePath ).first, true );
 }
 
 void StateTree::makeDirectory( std::string_view statePath ) const {
-    doMakeDirs( directoryPath( statePath ) );
+    directory( statePath, true );
 }
 
 bool StateTree::isTableAt( int dirFd, const char* name ) {
@@ -222,64 +231,72 @@ bool StateTree::isTableAt( int dirFd, const char* name ) {
     return table;
 }
 
-void StateTree::doListTables( const std::string& absolutePath,
-                              const std::string& statePath,
+void StateTree::doListTables( int fd, const std::string& statePath,
                               std::vector<std::string>& out ) const {
-    int fd = openDirectory( absolutePath );
-    if ( fd < 0 ) {
-        return;  // removed while we list, or replaced by a symlink
-    }
+    const std::string path = statePath.empty() ? root_ : root_ + "/" + statePath;
     std::vector<std::string> dirs;
     std::vector<std::string> tables;
-    readDirectory( fd, absolutePath, dirs, &tables );
+    readDirectory( fd, path, dirs, tables );
     for ( const std::string& name : tables ) {
         out.push_back( join( statePath, name ) );
     }
-    // One directory open at a time, however deep the tree.
     for ( const std::string& name : dirs ) {
-        doListTables( absolutePath + "/" + name, join( statePath, name ), out );
+        int sub =
+            ::openat( fd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC );
+        if ( sub < 0 ) {
+            continue;  // removed while we list, or replaced by a symlink
+        }
+        try {
+            TreeDir::checkOurs( sub, path + "/" + name );
+            doListTables( sub, join( statePath, name ), out );
+        } catch ( ... ) {
+            ::close( sub );
+            throw;
+        }
+        ::close( sub );
     }
 }
 
 std::vector<std::string> StateTree::listTables( std::string_view prefix ) const {
-    std::string path = directoryPath( prefix );
+    const TreeDir dir = directory( prefix );
     std::vector<std::string> out;
-    struct stat st;
-    if ( ::lstat( path.c_str(), &st ) != 0 ) {
-        if ( errno == ENOENT || errno == ENOTDIR ) {
-            return out;
-        }
-        throwOsError( "cannot list " + path, errno );
-    }
-    if ( S_ISREG( st.st_mode ) ) {
-        if ( isTableAt( AT_FDCWD, path.c_str() ) ) {
-            out.emplace_back( prefix );
-        }
+    if ( dir.complete() ) {
+        doListTables( dir.fd(), std::string( prefix ), out );
+        std::sort( out.begin(), out.end() );
         return out;
     }
-    doListTables( path, std::string( prefix ), out );
-    std::sort( out.begin(), out.end() );
+    if ( !prefix.empty() ) {
+        const auto [parent, name] = splitLast( prefix );
+        const TreeDir up = directory( parent );
+        if ( up.complete() && isTableAt( up.fd(), name.c_str() ) ) {
+            out.emplace_back( prefix );  // the prefix is itself a table
+        }
+    }
     return out;
 }
 
 std::vector<std::string> StateTree::listDirectory( std::string_view statePath ) const {
-    std::string path = directoryPath( statePath );
+    const TreeDir dir = directory( statePath );
     std::vector<std::string> out;
-    int fd = openDirectory( path );
-    if ( fd < 0 ) {
+    if ( !dir.complete() ) {
         return out;
     }
     std::vector<std::string> tables;
-    readDirectory( fd, path, out, &tables );
+    readDirectory( dir.fd(), dir.path(), out, tables );
     out.insert( out.end(), tables.begin(), tables.end() );
     std::sort( out.begin(), out.end() );
     return out;
 }
 
 bool StateTree::removeTable( std::string_view statePath ) const {
-    std::string path = filePath( statePath );
+    const std::string path = filePath( statePath );
+    const auto [parent, name] = splitLast( statePath );
+    const TreeDir dir = directory( parent );
     struct stat st;
-    if ( ::lstat( path.c_str(), &st ) != 0 ) {
+    if ( !dir.complete() ) {
+        return false;
+    }
+    if ( ::fstatat( dir.fd(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW ) != 0 ) {
         if ( errno == ENOENT ) {
             return false;
         }
@@ -288,10 +305,14 @@ bool StateTree::removeTable( std::string_view statePath ) const {
     if ( S_ISDIR( st.st_mode ) ) {
         throw Error( "cannot remove table " + path + ": it is a directory" );
     }
-    if ( !isTableAt( AT_FDCWD, path.c_str() ) ) {
+    if ( !isTableAt( dir.fd(), name.c_str() ) ) {
         throw Error( "cannot remove table " + path + ": not a table file" );
     }
-    if ( ::unlink( path.c_str() ) != 0 ) {
+    if ( !TreeDir::isOurFileAt( dir.fd(), name.c_str() ) ) {
+        throw Error( "cannot remove table " + path + ": owned by uid " +
+                     std::to_string( st.st_uid ) + ", not by this process's user" );
+    }
+    if ( ::unlinkat( dir.fd(), name.c_str(), 0 ) != 0 ) {
         if ( errno == ENOENT ) {
             return false;  // another remover was first
         }
@@ -301,8 +322,14 @@ bool StateTree::removeTable( std::string_view statePath ) const {
 }
 
 bool StateTree::exists( std::string_view statePath ) const {
+    if ( statePath.empty() ) {
+        return directory( statePath ).complete();
+    }
+    const auto [parent, name] = splitLast( statePath );
+    const TreeDir dir = directory( parent );
     struct stat st;
-    return ::lstat( directoryPath( statePath ).c_str(), &st ) == 0;
+    return dir.complete() &&
+           ::fstatat( dir.fd(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW ) == 0;
 }
 
 void StateTree::applyFileMode( int fd ) const {

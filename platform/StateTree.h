@@ -17,6 +17,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/TreeDir.h"
+
 namespace Platform {
 
 class DumpContext;
@@ -50,6 +52,9 @@ class StateTree {
     // As filePath, but the empty path stands for the root itself.
     std::string directoryPath( std::string_view statePath ) const;
 
+    // The directory opened as a TreeDir (never through a symlink, refused when
+    // not ours); with `create` the missing directories are made.
+    TreeDir directory( std::string_view statePath, bool create = false ) const;
     // Creates the missing directories of the path's parent.
     void makeParents( std::string_view statePath ) const;
     // Creates the directory and its missing parents ("" is the root).
@@ -82,7 +87,7 @@ class StateTree {
   private:
     std::string doPath( std::string_view statePath, bool rootAllowed ) const;
     void doMakeDirs( const std::string& absolutePath ) const;
-    void doListTables( const std::string& absolutePath, const std::string& statePath,
+    void doListTables( int fd, const std::string& statePath,
                        std::vector<std::string>& out ) const;
 
     std::string root_;

@@ -20,7 +20,7 @@ std::string baseName( const std::string& path ) {
 
 std::string dirName( const std::string& path ) {
     const size_t slash = path.rfind( '/' );
-    return slash == std::string::npos ? "." : path.substr( 0, slash );
+    return slash == std::string::npos ? "" : path.substr( 0, slash );
 }
 
 TableFileMode modeOf( const StateTree& tree ) {
@@ -39,7 +39,7 @@ TableReaderBase::TableReaderBase( StateTree& tree, Inotify* inotify,
                                   std::string statePath, TableLayout layout )
     : statePath_( std::move( statePath ) ),
       inotify_( inotify ),
-      core_( ( tree.makeParents( statePath_ ), tree.filePath( statePath_ ) ),
+      core_( ( tree.makeParents( statePath_ ), TablePath( tree.root(), statePath_ ) ),
              std::move( layout ) ) {
     core_.corruptionHandlerIs( [this]( const std::string& detail ) {
         doCorruption( CorruptionError( statePath_, detail ) );
@@ -52,9 +52,13 @@ TableReaderBase::TableReaderBase( StateTree& tree, Inotify* inotify,
     // closing: a writer that dies holding its bell (inside a batch) rings
     // nothing, but the kernel closes its descriptor, and what it wrote is
     // then taken in.
-    const std::string name = baseName( core_.path() );
+    const std::string name = baseName( statePath_ );
+    const TreeDir dir = tree.directory( dirName( statePath_ ) );
+    if ( !dir.complete() ) {
+        throw Error( "cannot watch table " + core_.path() + ": its directory went" );
+    }
     dirWatch_ =
-        inotify_->watch( dirName( core_.path() ),
+        inotify_->watch( dir.fd(), dirName( core_.path() ),
                          IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM | IN_ONLYDIR,
                          [this, name]( uint32_t mask, std::string_view n ) {
                              if ( n == name || ( mask & IN_Q_OVERFLOW ) ) {
@@ -78,31 +82,22 @@ bool TableReaderBase::doWatchFile() {
         fileWatch_.reset();
         return false;
     }
-    // Watch the inode the reader has mapped: a replaced file is a new inode,
-    // and the writer rings the bell of the new one. The path names the new
-    // one as soon as it is renamed in, so the watch remembers its own inode.
+    // Watch the inode the reader has mapped, through its descriptor: a
+    // replaced file is a new inode, and the writer rings the bell of the new
+    // one, which the reader watches once it moved there.
     struct stat mapped;
-    if ( fileWatch_ && fileWatch_->active() && fstat( core_.fd(), &mapped ) == 0 &&
-         mapped.st_ino == watchedInode_ ) {
+    if ( fstat( core_.fd(), &mapped ) != 0 ) {
+        return false;
+    }
+    if ( fileWatch_ && fileWatch_->active() && mapped.st_ino == watchedInode_ ) {
         return false;
     }
     fileWatch_.reset();
     try {
-        // The inode before and after the watch is the watched one only when
-        // no replacement came in between.
-        struct stat before, after;
-        do {
-            if ( stat( core_.path().c_str(), &before ) != 0 ) {
-                return false;
-            }
-            fileWatch_ =
-                inotify_->watch( core_.path(), IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE,
-                                 [this]( uint32_t, std::string_view ) { sync(); } );
-            if ( stat( core_.path().c_str(), &after ) != 0 ) {
-                return false;
-            }
-        } while ( before.st_ino != after.st_ino );
-        watchedInode_ = after.st_ino;
+        fileWatch_ = inotify_->watch( core_.fd(), core_.path(),
+                                      IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE,
+                                      [this]( uint32_t, std::string_view ) { sync(); } );
+        watchedInode_ = mapped.st_ino;
         return true;
     } catch ( const Error& ) {
         // The file went between the sync and the watch: the directory watch
@@ -151,7 +146,7 @@ TableWriterBase::TableWriterBase( StateTree& tree, EventLoop* loop, std::string 
                                   TableLayout layout )
     : statePath_( std::move( statePath ) ),
       loop_( loop ),
-      core_( ( tree.makeParents( statePath_ ), tree.filePath( statePath_ ) ),
+      core_( ( tree.makeParents( statePath_ ), TablePath( tree.root(), statePath_ ) ),
              std::move( layout ), modeOf( tree ) ),
       alive_( std::make_shared<bool>( true ) ) {}
 

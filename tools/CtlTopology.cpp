@@ -1,5 +1,8 @@
 // cspfctl topo ...: the IS-IS side of tests, the demo and labs (load,
 // import), and the topology as the agent's model sees it (show).
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -16,6 +19,7 @@
 #include "platform/Entity.h"
 #include "platform/Error.h"
 #include "platform/StateTree.h"
+#include "platform/TreeDir.h"
 #include "records/TeConfig.h"
 #include "records/VrfName.h"
 #include "tools/Ctl.h"
@@ -33,19 +37,52 @@ namespace {
 
 // The model last loaded into a VRF, kept beside the tree (a dot name is
 // never a table) so that edits can be made by name and written as a diff.
-std::string modelPath( const Platform::StateTree& tree, const L3::VrfName& vrf ) {
-    return tree.root() + "/.cspfctl/topology-" + vrf.name() + ".json";
+constexpr const char* kModelDir = ".cspfctl";
+
+std::string modelName( const L3::VrfName& vrf ) {
+    return "topology-" + vrf.name() + ".json";
 }
 
+std::string modelPath( const Platform::StateTree& tree, const L3::VrfName& vrf ) {
+    return tree.root() + "/" + kModelDir + "/" + modelName( vrf );
+}
+
+// The model file, reached like every file of the tree: never through a link.
 void saveModel( const Platform::StateTree& tree, const L3::VrfName& vrf,
                 const TopoFile::Topology& topology ) {
-    const std::string path = modelPath( tree, vrf );
-    std::filesystem::create_directories( std::filesystem::path( path ).parent_path() );
-    std::ofstream file( path );
-    file << TopoFile::toJson( topology );
-    if ( !file.flush() ) {
-        throw Platform::Error( "cannot write " + path + ": " + std::strerror( errno ) );
+    const Platform::TreeDir::Create how{ tree.dirMode(), tree.permissions().group };
+    const Platform::TreeDir dir( tree.root(), kModelDir, &how );
+    const std::string json = TopoFile::toJson( topology );
+    const int fd = ::openat( dir.fd(), modelName( vrf ).c_str(),
+                             O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC,
+                             tree.fileMode() );
+    bool written = fd >= 0 && ::write( fd, json.data(), json.size() ) ==
+                                  static_cast<ssize_t>( json.size() );
+    const int err = errno;
+    if ( fd >= 0 ) {
+        ::close( fd );
     }
+    if ( !written ) {
+        throw Platform::Error( "cannot write " + modelPath( tree, vrf ) + ": " +
+                               std::strerror( err ) );
+    }
+}
+
+// The model's text; empty when none was loaded.
+std::string readModel( const Platform::StateTree& tree, const L3::VrfName& vrf ) {
+    const Platform::TreeDir dir( tree.root(), kModelDir );
+    const int fd = dir.complete() ? ::openat( dir.fd(), modelName( vrf ).c_str(),
+                                              O_RDONLY | O_NOFOLLOW | O_CLOEXEC )
+                                  : -1;
+    std::string text;
+    char buf[65536];
+    for ( ssize_t n; fd >= 0 && ( n = ::read( fd, buf, sizeof( buf ) ) ) > 0; ) {
+        text.append( buf, static_cast<size_t>( n ) );
+    }
+    if ( fd >= 0 ) {
+        ::close( fd );
+    }
+    return text;
 }
 
 int topoLoad( Args args, const std::string& root ) {
@@ -68,12 +105,13 @@ int topoEdit(
     const std::function<std::string( TopoFile::Topology&, const Args& )>& edit ) {
     const L3::VrfName vrf( takeOption( args, "--vrf", "default" ) );
     Platform::StateTree tree( root );
-    const std::string path = modelPath( tree, vrf );
-    if ( !std::filesystem::exists( path ) ) {
+    const std::string model = readModel( tree, vrf );
+    if ( model.empty() ) {
         throw UsageError( "no topology loaded into vrf " + vrf.name() + " under " +
                           tree.root() + " (cspfctl topo load FILE first)" );
     }
-    TopoFile::Topology topology = TopoFile::loadTopologyFile( path );
+    TopoFile::Topology topology =
+        TopoFile::parseTopology( model, modelPath( tree, vrf ) );
     expectArgs( args, operands, usage );
     const std::string what = edit( topology, args );
     TopoFile::validateTopology( topology, "the edited topology" );

@@ -192,6 +192,47 @@ TEST_F( CommandChannelTest, SilentAndHalfLineClientsAreDroppedWhileOthersAreServ
     EXPECT_EQ( channel.dropped(), 2u );
 }
 
+TEST_F( CommandChannelTest, AnswersAreCutAtTheCapAndAReaderThatStopsHoldsNobody ) {
+    CommandChannel channel( loop_, dir_ );
+    channel.handlerIs( "dump", echo_ );
+    // Both answers are far beyond what a socket buffers.
+    const size_t cap = 512 << 10;
+    echo_->answerBytes = 1 << 20;
+    channel.answerLimitsIs( 60, cap );
+    std::string answer = serve( [&] { return sendCommand( dir_, "dump", "big" ); } );
+    const std::string cut = "\nAnswer cut at " + std::to_string( cap ) + " bytes\n";
+    ASSERT_EQ( answer.size(), cap + cut.size() );
+    EXPECT_EQ( answer.substr( cap ), cut );
+    EXPECT_EQ( answer[cap - 1], static_cast<char>( 'a' + ( cap - 1 ) % 26 ) );
+
+    // A client that asks for a large answer and never reads it.
+    channel.answerLimitsIs( 0.5, cap );
+    const int silent = connectTo( sock_ );
+    ASSERT_EQ( send( silent, "dump stalled\n", 13, MSG_NOSIGNAL ), 13 );
+    for ( int i = 0; i < 1000 && channel.commands() < 2; ++i ) {
+        loop_.runOnce( 10 );
+    }
+    ASSERT_EQ( channel.commands(), 2u );
+    // Everyone else is served meanwhile.
+    echo_->answerBytes = 0;
+    EXPECT_EQ( serve( [&] { return sendCommand( dir_, "dump", "next", 10 ); } ),
+               "got [next]\n" );
+    // Past its deadline the stalled reader is dropped, having had part of it.
+    for ( int i = 0; i < 1000 && channel.connectionCount(); ++i ) {
+        loop_.runOnce( 10 );
+    }
+    EXPECT_EQ( channel.connectionCount(), 0u );
+    EXPECT_EQ( channel.dropped(), 1u );
+    size_t got = 0;
+    char buf[65536];
+    for ( ssize_t n; ( n = recv( silent, buf, sizeof( buf ), 0 ) ) > 0; ) {
+        got += size_t( n );
+    }
+    close( silent );
+    EXPECT_GT( got, 0u );
+    EXPECT_LT( got, cap );
+}
+
 TEST_F( CommandChannelTest, StaleSocketIsReplacedALiveOneRefusedAndASilentOneTimesOut ) {
     std::filesystem::create_directories( dir_ );
     if ( pid_t child = fork(); child == 0 ) {

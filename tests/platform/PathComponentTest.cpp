@@ -26,7 +26,7 @@ std::string refusal( std::string_view name, std::string_view what ) {
 
 TEST( PathComponent, AcceptsOrdinaryNamesUpToTheBound ) {
     for ( std::string name : std::vector<std::string>{
-              "default", "a", "blue-vrf_2", "...", ".hidden", "a..b", "vrf é",
+              "default", "a", "blue-vrf_2", "a..b", "a.", "x.hidden", "vrf é",
               "with space", std::string( 100, 'x' ) } ) {
         EXPECT_NO_THROW( validatePathComponent( name, "VRF" ) ) << name;
         EXPECT_TRUE( isValidPathComponent( name ) ) << name;
@@ -40,6 +40,10 @@ TEST( PathComponent, RefusesNamesThatEscapeHideOrGarble ) {
                "invalid client name '.': is a relative directory name" );
     EXPECT_EQ( refusal( "..", "client" ),
                "invalid client name '..': is a relative directory name" );
+    // Listings and directory watches skip dot names: one would never be served.
+    EXPECT_EQ( refusal( ".hidden", "client" ),
+               "invalid client name '.hidden': starts with '.'" );
+    EXPECT_EQ( refusal( "...", "VRF" ), "invalid VRF name '...': starts with '.'" );
     // Control characters are escaped so that the text stays on one line.
     EXPECT_EQ( refusal( "a\nb", "interface" ),
                "invalid interface name 'a\\x0ab': contains a control character" );

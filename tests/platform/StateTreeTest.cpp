@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -16,7 +17,9 @@
 #include <vector>
 
 #include "platform/Error.h"
+#include "platform/ShmTable.h"
 #include "platform/StateTree.h"
+#include "tests/support/Child.h"
 #include "tests/support/TempDir.h"
 
 using namespace Platform;
@@ -52,6 +55,7 @@ TEST( StateTree, RefusesBadPathsNamingThem ) {
         { "/etc/passwd", "/etc/passwd", "must be relative" },
         { "a/../../b", "a/../../b", "relative directory name" },
         { "a/./b", "a/./b", "relative directory name" },
+        { "a/.t.tmp.1", "a/.t.tmp.1", "starts with '.'" },
         { "a/b\x01z", "a/b\\x01z", "control character" },
         { "a/" + longName + "/t", "a/" + longName + "/t", "longer than 100 bytes" },
     };
@@ -119,9 +123,10 @@ TEST( StateTree, ListsOnlyTablesInPathOrderAndRemovesNothingElse ) {
     StateTree tree( tmp.path() );
     const std::string r = tree.root();
     const std::string table = std::string( StateTree::kTableMagic ) + "payload";
-    for ( const char* dir : { "a/b/c", "a-x", ".hidden" } ) {
+    for ( const char* dir : { "a/b/c", "a-x" } ) {
         tree.makeDirectory( dir );
     }
+    mkdir( ( r + "/.hidden" ).c_str(), 0700 );
     for ( const char* t :
           { "z", "a/t1", "a/b/t2", "a/b/c/t3", "a-x/t", ".hidden/t", "a/.t1.tmp" } ) {
         writeFile( r + "/" + t, table );
@@ -164,6 +169,91 @@ TEST( StateTree, ListsOnlyTablesInPathOrderAndRemovesNothingElse ) {
         EXPECT_TRUE( tree.exists( notTable ) ) << notTable;
     }
     close( sock );
+}
+
+// An unprivileged user makes the root before the agent, open to all, and links
+// a directory of the tree to a third user's directory. The agent's tree must
+// neither trust that root nor reach the third user's files through the link.
+TEST( StateTree, AnotherUsersRootOrLinkIsNeverTakenOver ) {
+    const passwd* nobody = getpwnam( "nobody" );
+    if ( geteuid() != 0 || !nobody ) {
+        GTEST_SKIP() << "needs to run as root with a user 'nobody' to play the attacker";
+    }
+    TempDir tmp;
+    const std::string shared = tmp / "shm";  // like /dev/shm: anyone may create
+    const std::string victim = tmp / "victim";
+    const std::string root = shared + "/cspf";
+    const std::string link = "te/cspf/status/vrf/default/ipv4";
+    chmod( tmp.path().c_str(), 0755 );
+    mkdir( shared.c_str(), 01777 );
+    chmod( shared.c_str(), 01777 );
+    mkdir( victim.c_str(), 0700 );
+    writeFile( victim + "/rsvp", std::string( StateTree::kTableMagic ) + "not yours" );
+    const uid_t other = nobody->pw_uid - 1;  // a third user
+    ASSERT_EQ( chown( victim.c_str(), other, other ), 0 );
+    ASSERT_EQ( chown( ( victim + "/rsvp" ).c_str(), other, other ), 0 );
+    const pid_t attacker = TestKit::forkChild( [&] {
+        if ( setgid( nobody->pw_gid ) != 0 || setuid( nobody->pw_uid ) != 0 ) {
+            return 2;
+        }
+        umask( 0 );
+        std::filesystem::create_directories( root + "/te/cspf/status/vrf/default" );
+        std::filesystem::permissions( root, std::filesystem::perms::all );
+        return symlink( victim.c_str(), ( root + "/" + link ).c_str() ) == 0 ? 0 : 3;
+    } );
+    ASSERT_EQ( TestKit::reapChild( attacker, 10 ), 0 );
+
+    try {
+        StateTree tree( root );
+        ADD_FAILURE() << "took over a root of uid " << nobody->pw_uid;
+    } catch ( const Error& e ) {
+        EXPECT_EQ( std::string( e.what() ), "refusing state directory " + root +
+                                                ": owned by uid " +
+                                                std::to_string( nobody->pw_uid ) +
+                                                ", not by this process's uid 0" );
+    }
+    // Ours but open to all: refused as well.
+    ASSERT_EQ( chown( root.c_str(), 0, 0 ), 0 );
+    EXPECT_THAT(
+        [&] { StateTree tree( root ); },
+        testing::ThrowsMessage<Error>( HasSubstr( "writable by others (mode 0777)" ) ) );
+
+    // Every directory of the tree ours, but a link where one should be: no
+    // operation goes through it.
+    for ( const std::string dir :
+          { "", "/te", "/te/cspf", "/te/cspf/status", "/te/cspf/status/vrf",
+            "/te/cspf/status/vrf/default" } ) {
+        ASSERT_EQ( lchown( ( root + dir ).c_str(), 0, 0 ), 0 );
+        ASSERT_EQ( chmod( ( root + dir ).c_str(), 0700 ), 0 );
+    }
+    StateTree tree( root );
+    const std::string table = link + "/rsvp";
+    EXPECT_FALSE( tree.removeTable( table ) );
+    EXPECT_FALSE( tree.exists( table ) );
+    EXPECT_TRUE( tree.listTables( "" ).empty() );
+    EXPECT_TRUE( tree.listDirectory( link ).empty() );
+    const TableLayout layout{ "Victim", 1, 8, 8 };
+    EXPECT_THAT( [&] { tree.makeParents( table ); },
+                 testing::ThrowsMessage<Error>( HasSubstr( "is in the way" ) ) );
+    EXPECT_THROW( ShmTableWriter( TablePath( root, table ), layout ), Error );
+    EXPECT_FALSE( ShmTableReader( TablePath( root, table ), layout ).attached() );
+
+    // A table file of another user in our own directory is not ours to
+    // remove, whatever its header says.
+    tree.makeDirectory( "te/cspf/client" );
+    const std::string foreign = root + "/te/cspf/client/rsvp";
+    writeFile( foreign, std::string( StateTree::kTableMagic ) + "damaged header" );
+    ASSERT_EQ( chown( foreign.c_str(), other, other ), 0 );
+    EXPECT_THAT( [&] { tree.removeTable( "te/cspf/client/rsvp" ); },
+                 testing::ThrowsMessage<Error>( HasSubstr( "owned by uid" ) ) );
+    EXPECT_THAT(
+        [&] { ShmTableWriter( TablePath( root, "te/cspf/client/rsvp" ), layout ); },
+        testing::ThrowsMessage<Error>( HasSubstr( "left in place" ) ) );
+    EXPECT_TRUE( tree.exists( "te/cspf/client/rsvp" ) );
+    struct stat st {};
+    EXPECT_EQ( stat( ( victim + "/rsvp" ).c_str(), &st ), 0 );
+    EXPECT_EQ( st.st_uid, other );
+    EXPECT_EQ( st.st_size, 17 );
 }
 
 }  // namespace

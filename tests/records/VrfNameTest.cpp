@@ -21,6 +21,7 @@ TEST( VrfName, DefaultsToDefaultAndFollowsTheNameRules ) {
     // Fits a path component but not the record.
     EXPECT_THROW( VrfName( std::string( 64, 'v' ) ), Platform::NameError );
     EXPECT_THROW( VrfName( ".." ), Platform::NameError );
+    EXPECT_THROW( VrfName( ".hidden" ), Platform::NameError );
     EXPECT_THROW( VrfName( "" ), Platform::NameError );
 }
 
