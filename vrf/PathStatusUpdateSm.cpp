@@ -145,6 +145,7 @@ bool PathStatusUpdateSm::doIsPathUpdateRequired(
 }
 
 void PathStatusUpdateSm::publishPathStatus() {
+    const bool failedBefore = publishFailed_;
     publishFailed_ = false;
     const double now = Platform::now();
     const PathInfoKey& key = pathStatusInfo_->pathInfoKey();
@@ -178,10 +179,17 @@ void PathStatusUpdateSm::publishPathStatus() {
     } catch ( const Platform::Error& e ) {
         // No room for the table (tmpfs full): the old record stays, the
         // refresh stays pending, and the next computation of the constraint,
-        // one throttle interval away, tries again.
-        TRACE0( "cannot write the path status of " << key.pathKey().destination
-                                                   << " for client: " << key.clientName()
-                                                   << ": " << e.what() );
+        // one throttle interval away, tries again. Traced at level 0 once
+        // until a write succeeds, then at level 4.
+        if ( !failedBefore ) {
+            TRACE0( "cannot write the path status of "
+                    << key.pathKey().destination << " for client: " << key.clientName()
+                    << ": " << e.what() );
+        } else {
+            TRACE4( "cannot write the path status of "
+                    << key.pathKey().destination << " for client: " << key.clientName()
+                    << ": " << e.what() );
+        }
         publishFailed_ = true;
         constraintInfo_->cspfRequestCountInc( 1 );
         return;
