@@ -92,6 +92,9 @@ void ClientVrfSm::doInitPathSm( Net::AddressFamily af ) {
     config->corruptionHandlerIs( [client]( const Platform::Error& e ) {
         TRACE0( "corrupt request of client " << client << ": " << e.what() );
     } );
+    status->corruptionHandlerIs( [client]( const Platform::Error& e ) {
+        TRACE0( "corrupt result of client " << client << ", written anew: " << e.what() );
+    } );
     const Ptr<AllClientInfo>& info = allClientInfo( af );
     Ptr<PathConfigInfoTable> configInfo = info->pathConfigInfoTable( vrfName_ );
     Ptr<PathStatusInfoTable> statusInfo = info->pathStatusInfoTable( vrfName_ );

@@ -40,9 +40,14 @@ constexpr uint64_t kMinHeap = 64 * 1024;
 // Values of at most this size live in their slot, after the key: a lookup
 // then touches one slot and no heap block.
 constexpr uint32_t kMaxInlineValue = 64;
-// How long one operation of a reader waits, in all, for slots that a live
-// writer is in the middle of; a slot whose writer is gone is given up at once.
+// How long a reader waits, in all, for slots that a live writer is in the
+// middle of, until the writer changes the table again; a slot whose writer is
+// gone is given up at once.
 constexpr double kBusySeconds = 1.0;
+// An index larger than this many slots per record is not one a writer makes
+// (it shrinks the index at half this ratio): a reader refuses it rather than
+// scan it.
+constexpr uint64_t kMaxSlotsPerRecord = 16;
 // How often a key is told again when it keeps changing while its watcher is
 // being told; the rest waits for the next sync.
 constexpr int kMaxRetells = 8;
@@ -230,11 +235,6 @@ uint64_t newTableId() {
     return id | 1;  // never 0, which stands for "no table"
 }
 
-// How long an operation may still wait for busy slots.
-struct Patience {
-    double until = 0;
-};
-
 enum class SlotRead { ok, halfWritten, bad };
 
 struct SlotSnap {
@@ -247,7 +247,7 @@ struct SlotSnap {
 // whose value to copy (null: none); `keyOut` receives the slot's key.
 SlotRead readSlot( const ShmTableFile& f, uint32_t i, const void* want, uint64_t wantHash,
                    std::vector<uint8_t>* value, SlotSnap& snap, std::string* keyOut,
-                   Patience& patience ) {
+                   BusyPatience& patience ) {
     const TableGeometry& g = f.geometry();
     const uint8_t* slot = slotAt( f, i );
     const SlotHead* head = reinterpret_cast<const SlotHead*>( slot );
@@ -260,14 +260,13 @@ SlotRead readSlot( const ShmTableFile& f, uint32_t i, const void* want, uint64_t
             }
             // A stopped writer never finishes; a live but descheduled one
             // does, so yield to it for a bounded time.
-            if ( !writerAlive( f.fd() ) ) {
+            const double t = SystemClock().now();
+            if ( ( patience.until != 0 && t > patience.until ) ||
+                 !writerAlive( f.fd() ) ) {
                 return SlotRead::halfWritten;
             }
-            const double t = SystemClock().now();
             if ( patience.until == 0 ) {
                 patience.until = t + kBusySeconds;
-            } else if ( t > patience.until ) {
-                return SlotRead::halfWritten;
             }
             sched_yield();
             continue;
@@ -344,14 +343,15 @@ bool sameKey( const uint8_t* slotKey, const void* key, uint32_t len ) {
 
 // Finds the slot of `key`; -1 when absent. Throws CorruptionError when the
 // key's own record is bad; other bad slots on the way are passed over.
+// A slot that only zeros fill, read after the file faulted, is not taken for
+// an empty one: the lookup throws.
 int64_t findSlot( const ShmTableFile& f, const void* key, std::vector<uint8_t>* value,
-                  uint64_t* version, SlotSnap* found = nullptr ) {
+                  uint64_t* version, BusyPatience& patience, SlotSnap* found = nullptr ) {
     const TableGeometry& g = f.geometry();
     const uint64_t hash = keyHash( key, g.keySize );
     const uint32_t mask = g.indexCapacity - 1;
     SlotSnap local;
     SlotSnap& snap = found ? *found : local;
-    Patience patience;
     for ( uint32_t n = 0; n < g.indexCapacity; ++n ) {
         const uint32_t i = static_cast<uint32_t>( ( hash + n ) & mask );
         const SlotRead r = readSlot( f, i, key, hash, value, snap, nullptr, patience );
@@ -368,6 +368,7 @@ int64_t findSlot( const ShmTableFile& f, const void* key, std::vector<uint8_t>* 
             continue;
         }
         if ( snap.head.state == kEmpty ) {
+            f.checkIntact();
             return -1;
         }
         if ( snap.keyMatches ) {
@@ -377,6 +378,7 @@ int64_t findSlot( const ShmTableFile& f, const void* key, std::vector<uint8_t>* 
             return i;
         }
     }
+    f.checkIntact();
     return -1;
 }
 
@@ -393,6 +395,7 @@ ShmTableFile::~ShmTableFile() {
 }
 
 void ShmTableFile::close() {
+    guard_.del();
     if ( base_ ) {
         munmap( base_, size_ );
         base_ = nullptr;
@@ -428,8 +431,8 @@ void ShmTableFile::adopt( int fd, const std::string& path, const TableLayout& la
                                          std::to_string( kHeaderSize ) );
     }
     size_ = static_cast<size_t>( st.st_size );
-    void* p = mmap( nullptr, size_, PROT_READ | ( writable ? PROT_WRITE : 0 ), MAP_SHARED,
-                    fd_, 0 );
+    const int prot = PROT_READ | ( writable ? PROT_WRITE : 0 );
+    void* p = mmap( nullptr, size_, prot, MAP_SHARED, fd_, 0 );
     if ( p == MAP_FAILED ) {
         int e = errno;
         close();
@@ -437,15 +440,19 @@ void ShmTableFile::adopt( int fd, const std::string& path, const TableLayout& la
         throw Error( sysError( "cannot map table", path ) );
     }
     base_ = static_cast<uint8_t*>( p );
+    // Whoever else may open the file may also shrink it: from now on, an
+    // access past its end reads zeros and is reported, never SIGBUS.
+    guard_.add( base_, size_, prot );
     try {
-        doCheck( layout );
+        doCheck( layout, static_cast<uint64_t>( st.st_blocks ) * 512, writable );
     } catch ( ... ) {
         close();
         throw;
     }
 }
 
-void ShmTableFile::doCheck( const TableLayout& layout ) {
+void ShmTableFile::doCheck( const TableLayout& layout, uint64_t allocated,
+                            bool writable ) {
     // One copy of the header, checked and then kept: the shared one may
     // change under us.
     Header h;
@@ -483,6 +490,21 @@ void ShmTableFile::doCheck( const TableLayout& layout ) {
          h.heapEnd != h.fileSize || h.heapOffset > h.heapEnd || h.tableId == 0 ) {
         corrupt( "inconsistent region sizes" );
     }
+    // A writer reserves every page of its file before it maps it. A file with
+    // holes would have its readers fill tmpfs with the pages their reads
+    // fault in, as many as its header claims, for nothing.
+    if ( allocated < size_ ) {
+        corrupt( "sparse: " + std::to_string( allocated ) + " of " +
+                 std::to_string( size_ ) + " bytes are there" );
+    }
+    // The writer re-counts the records it keeps; a reader scans the index, so
+    // the index must be of a size the writer could have left for the count.
+    if ( !writable && ( h.liveCount > h.indexCapacity ||
+                        ( h.indexCapacity > kMinCapacity &&
+                          h.indexCapacity > kMaxSlotsPerRecord * h.liveCount ) ) ) {
+        corrupt( "an index of " + std::to_string( h.indexCapacity ) + " slots for " +
+                 std::to_string( h.liveCount ) + " records" );
+    }
     geometry_.tableId = h.tableId;
     geometry_.fileSize = h.fileSize;
     geometry_.ringOffset = h.ringOffset;
@@ -502,9 +524,21 @@ bool ShmTableFile::replaced() const {
            atomic32( headerOf( *this )->replaced ).load( std::memory_order_acquire );
 }
 
-bool ShmTableFile::unlinked() const {
+bool ShmTableFile::stale() const {
     struct stat st;
-    return fd_ >= 0 && fstat( fd_, &st ) == 0 && st.st_nlink == 0;
+    return replaced() || faulted() || fstat( fd_, &st ) != 0 || st.st_nlink == 0 ||
+           static_cast<uint64_t>( st.st_size ) != size_;
+}
+
+bool ShmTableFile::resized() const {
+    struct stat st;
+    return fstat( fd_, &st ) == 0 && static_cast<uint64_t>( st.st_size ) != size_;
+}
+
+void ShmTableFile::checkIntact() const {
+    if ( faulted() ) {
+        throw CorruptionError( path_, "truncated while mapped" );
+    }
 }
 
 // ---------------------------------------------------------------- paths
@@ -625,7 +659,7 @@ void ShmTableWriter::doAttach() {
             unlinkat( dir.fd(), where_.name.c_str(), 0 );
             continue;
         }
-        if ( file_.replaced() || file_.unlinked() ) {
+        if ( file_.stale() ) {
             file_.close();
             continue;  // another writer replaced it meanwhile: open the new one
         }
@@ -723,13 +757,22 @@ void ShmTableWriter::doRebuild( uint32_t minRecords, size_t minHeap ) {
                                        static_cast<gid_t>( mode_.group ) ) != 0 ) ) {
         fail( "cannot set the mode of table" );
     }
-    if ( !lockWriter( fd ) || ftruncate( fd, static_cast<off_t>( total ) ) != 0 ) {
-        fail( "cannot size table" );
+    if ( !lockWriter( fd ) ) {
+        fail( "cannot lock table" );
+    }
+    // Every page is reserved before the file is mapped: a store into a page
+    // that a full tmpfs cannot back would be SIGBUS, and readers refuse
+    // files with holes. Without the room, the old file stays as it is.
+    if ( const int e = posix_fallocate( fd, 0, static_cast<off_t>( total ) ); e != 0 ) {
+        errno = e;
+        fail( "cannot reserve " + std::to_string( total ) + " bytes for table" );
     }
     void* p = mmap( nullptr, total, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0 );
     if ( p == MAP_FAILED ) {
         fail( "cannot map table" );
     }
+    MappingGuard building;  // the file is visible to others under its dot name
+    building.add( p, total, PROT_READ | PROT_WRITE );
     auto* nb = static_cast<uint8_t*>( p );
     auto* nh = reinterpret_cast<Header*>( nb );
     std::memcpy( nh->magic, kMagic, sizeof( kMagic ) );
@@ -795,7 +838,13 @@ void ShmTableWriter::doRebuild( uint32_t minRecords, size_t minHeap ) {
         }
         ++nh->liveCount;
     }
+    const bool cutShort = building.faulted();
+    building.del();
     munmap( p, total );
+    if ( cutShort ) {
+        errno = EIO;
+        fail( "cannot build table" );
+    }
     if ( fresh ) {
         // A new table: appear only if nobody created it meanwhile.
         if ( linkat( dir.fd(), tmp, dir.fd(), where_.name.c_str(), 0 ) != 0 ) {
@@ -907,6 +956,11 @@ bool ShmTableWriter::set( const void* key, const void* value, uint32_t len ) {
                                 std::to_string( len ) + " bytes exceeds " +
                                 std::to_string( layout_.maxValueSize ) );
     }
+    // Someone else cut our file short: what it still holds, and what we wrote
+    // since (into zero pages), goes into a new file, which readers move to.
+    if ( file_.faulted() ) {
+        doRebuild( 0, 0 );
+    }
     const uint64_t hash = keyHash( key, layout_.keySize );
     for ( int attempt = 0;; ++attempt ) {
         CSPF_ASSERT( attempt < 4 );  // a rebuild always makes room
@@ -999,13 +1053,32 @@ bool ShmTableWriter::set( const void* key, const void* value, uint32_t len ) {
 }
 
 bool ShmTableWriter::del( const void* key ) {
+    if ( file_.faulted() ) {
+        doRebuild( 0, 0 );  // as in set()
+    }
     const uint64_t hash = keyHash( key, layout_.keySize );
     uint32_t freeSlot;
-    const uint32_t i = doFind( key, hash, &freeSlot );
+    uint32_t i = doFind( key, hash, &freeSlot );
     if ( i == UINT32_MAX ) {
         return false;
     }
     Header* h = headerOf( file_ );
+    // Keep the index within what readers accept for the records left: shrink
+    // it before the count falls below an eighth of it.
+    const uint32_t capacity = file_.geometry().indexCapacity;
+    if ( capacity > kMinCapacity &&
+         uint64_t{ h->liveCount - std::min( h->liveCount, 1u ) } * 8 < capacity ) {
+        try {
+            doRebuild( 0, 0 );
+        } catch ( const Error& ) {
+            // No room for a smaller file: remove from this one, shrink later.
+        }
+        h = headerOf( file_ );
+        i = doFind( key, hash, &freeSlot );
+        if ( i == UINT32_MAX ) {
+            return true;  // the rebuild dropped a damaged record
+        }
+    }
     SlotHead* s = headAt( file_, i );
     const uint8_t* old = nullptr;
     uint32_t oldLen = 0;
@@ -1032,12 +1105,16 @@ bool ShmTableWriter::del( const void* key ) {
     return true;
 }
 
+// The writer's own slots are never busy: it dropped half-written ones when it
+// attached.
 bool ShmTableWriter::get( const void* key, std::vector<uint8_t>& value ) const {
-    return findSlot( file_, key, &value, nullptr ) >= 0;
+    BusyPatience none;
+    return findSlot( file_, key, &value, nullptr, none ) >= 0;
 }
 
 bool ShmTableWriter::has( const void* key ) const {
-    return findSlot( file_, key, nullptr, nullptr ) >= 0;
+    BusyPatience none;
+    return findSlot( file_, key, nullptr, nullptr, none ) >= 0;
 }
 
 size_t ShmTableWriter::size() const {
@@ -1059,6 +1136,13 @@ void ShmTableWriter::forEach(
 void ShmTableWriter::flush() {
     if ( !dirty_ || !file_.isOpen() ) {
         return;
+    }
+    if ( file_.faulted() || file_.resized() ) {
+        try {
+            doRebuild( 0, 0 );  // as in set()
+        } catch ( const Error& ) {
+            // No room for the new file: the next change tries again.
+        }
     }
     dirty_ = false;
     uint8_t b = static_cast<uint8_t>( headerOf( file_ )->changeSeq );
@@ -1109,17 +1193,18 @@ bool ShmTableReader::doOpen() {
         }
         throw;
     }
-    slotKey_.assign( file_.geometry().indexCapacity, std::string() );
+    slotKey_.clear();
     lastSeq_ = 0;
+    patience_ = BusyPatience();
     return true;
 }
 
 bool ShmTableReader::get( const void* key, std::vector<uint8_t>& value ) const {
-    return file_.isOpen() && findSlot( file_, key, &value, nullptr ) >= 0;
+    return file_.isOpen() && findSlot( file_, key, &value, nullptr, patience_ ) >= 0;
 }
 
 bool ShmTableReader::has( const void* key ) const {
-    return file_.isOpen() && findSlot( file_, key, nullptr, nullptr ) >= 0;
+    return file_.isOpen() && findSlot( file_, key, nullptr, nullptr, patience_ ) >= 0;
 }
 
 bool ShmTableReader::find( const void* key, RecordRef& ref ) const {
@@ -1167,6 +1252,7 @@ bool ShmTableReader::find( const void* key, RecordRef& ref ) const {
                 return doFindSlowly( key, ref );
             }
             if ( found.state == kEmpty ) {
+                file_.checkIntact();  // not zeros read from a vanished page
                 return false;
             }
             if ( !matches ) {
@@ -1183,13 +1269,14 @@ bool ShmTableReader::find( const void* key, RecordRef& ref ) const {
             return true;
         }
     }
+    file_.checkIntact();
     return false;
 }
 
 bool ShmTableReader::doFindSlowly( const void* key, RecordRef& ref ) const {
     SlotSnap snap;
     const int64_t slot =
-        file_.isOpen() ? findSlot( file_, key, nullptr, nullptr, &snap ) : -1;
+        file_.isOpen() ? findSlot( file_, key, nullptr, nullptr, patience_, &snap ) : -1;
     if ( slot < 0 ) {
         return false;
     }
@@ -1205,7 +1292,8 @@ bool ShmTableReader::unchanged( const RecordRef& ref ) const {
     // Order the caller's reads of the bytes before the second look at the word.
     std::atomic_thread_fence( std::memory_order_acquire );
     const SlotHead* head = reinterpret_cast<const SlotHead*>( slotAt( file_, ref.slot ) );
-    return atomic64( head->seq ).load( std::memory_order_relaxed ) == ref.seq;
+    return atomic64( head->seq ).load( std::memory_order_relaxed ) == ref.seq &&
+           !file_.faulted();
 }
 
 uint64_t ShmTableReader::doVersionOf( const void* key, int64_t* slot ) const {
@@ -1215,9 +1303,12 @@ uint64_t ShmTableReader::doVersionOf( const void* key, int64_t* slot ) const {
     }
     uint64_t version = 0;
     try {
-        *slot = findSlot( file_, key, nullptr, &version );
+        *slot = findSlot( file_, key, nullptr, &version, patience_ );
         return *slot >= 0 ? version : 0;
     } catch ( const CorruptionError& e ) {
+        if ( file_.faulted() ) {
+            throw;  // the whole file, not this key: no key is told removed
+        }
         if ( corruption_ ) {
             corruption_( e.detail() );
         }
@@ -1239,7 +1330,7 @@ void ShmTableReader::doCheckKey( const std::string& first,
             int64_t slot;
             const uint64_t now = doVersionOf( key.data(), &slot );
             if ( slot >= 0 ) {
-                std::string& occupant = slotKey_[static_cast<size_t>( slot )];
+                std::string& occupant = slotKey_[static_cast<uint32_t>( slot )];
                 if ( occupant != key ) {
                     if ( !occupant.empty() ) {
                         work.push_back( occupant );
@@ -1280,23 +1371,25 @@ void ShmTableReader::doResync( const TableChangeFn& changed ) {
             atomic64( headerOf( file_ )->changeSeq ).load( std::memory_order_acquire );
         SlotSnap snap;
         std::string key;
-        Patience patience;
+        slotKey_.clear();
         for ( uint32_t i = 0; i < g.indexCapacity; ++i ) {
             const SlotRead r =
-                readSlot( file_, i, nullptr, 0, nullptr, snap, &key, patience );
+                readSlot( file_, i, nullptr, 0, nullptr, snap, &key, patience_ );
             if ( r != SlotRead::ok ) {
-                slotKey_[i].clear();
                 if ( corruption_ && r == SlotRead::bad ) {
                     corruption_( slotProblem( r, i ) );
                 }
                 continue;  // half-written: dropped by the next writer
             }
-            slotKey_[i] = snap.head.state == kLive ? key : std::string();
             if ( snap.head.state == kLive ) {
+                slotKey_[i] = key;
                 uint64_t& v = now[key];
                 v = std::max( v, snap.head.version );
             }
         }
+        // Zeros read from a vanished page are no content: the known keys
+        // stay as they are, and the next sync re-opens the path.
+        file_.checkIntact();
     }
     // Versions of another table (one made anew at this path) say nothing:
     // every key it shares with the old one is told.
@@ -1332,7 +1425,7 @@ void ShmTableReader::doResync( const TableChangeFn& changed ) {
 }
 
 void ShmTableReader::sync( const TableChangeFn& changed ) {
-    if ( file_.isOpen() && ( file_.replaced() || file_.unlinked() ) ) {
+    if ( file_.isOpen() && file_.stale() ) {
         file_.close();
         doOpen();
         doResync( changed );
@@ -1350,13 +1443,13 @@ void ShmTableReader::sync( const TableChangeFn& changed ) {
     if ( cur == lastSeq_ ) {
         return;
     }
+    patience_ = BusyPatience();  // the writer moved on: it may have finished
     if ( cur < lastSeq_ || cur - lastSeq_ > g.ringCapacity ) {
         doResync( changed );
         return;
     }
     SlotSnap snap;
     std::string key;
-    Patience patience;
     for ( uint64_t s = lastSeq_ + 1; s <= cur; ++s ) {
         const RingEntry* e = ringAt( file_, s );
         const uint64_t s1 = atomic64( e->seq ).load( std::memory_order_acquire );
@@ -1369,15 +1462,22 @@ void ShmTableReader::sync( const TableChangeFn& changed ) {
             return;
         }
         const SlotRead r =
-            readSlot( file_, slot, nullptr, 0, nullptr, snap, &key, patience );
+            readSlot( file_, slot, nullptr, 0, nullptr, snap, &key, patience_ );
+        file_.checkIntact();
         if ( r != SlotRead::ok ) {
             if ( corruption_ && r == SlotRead::bad ) {
                 corruption_( slotProblem( r, slot ) );
             }
             continue;
         }
-        const std::string before = slotKey_[slot];
-        slotKey_[slot] = snap.head.state == kLive ? key : std::string();
+        auto known = slotKey_.find( slot );
+        const std::string before =
+            known == slotKey_.end() ? std::string() : known->second;
+        if ( snap.head.state == kLive ) {
+            slotKey_[slot] = key;
+        } else if ( known != slotKey_.end() ) {
+            slotKey_.erase( known );
+        }
         if ( !before.empty() && before != key ) {
             doCheckKey( before, changed );
         }

@@ -27,6 +27,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "platform/MappingGuard.h"
+
 namespace Platform {
 
 // What a table holds; a reader or writer of another layout is refused.
@@ -97,17 +99,27 @@ class ShmTableFile {
     uint8_t* base() const { return base_; }
     size_t size() const { return size_; }
     const TableGeometry& geometry() const { return geometry_; }
-    // The file was replaced by a newer one, or unlinked.
+    // The file was replaced by a newer one.
     bool replaced() const;
-    bool unlinked() const;
+    // The mapping no longer shows the table at the path: the file was
+    // replaced, unlinked, resized by someone else, or faulted.
+    bool stale() const;
+    // Someone else changed the file's size.
+    bool resized() const;
+    // Part of the mapping faulted (the file shrank, or tmpfs could not back
+    // a page) and reads zeros since: nothing read from it can be trusted.
+    bool faulted() const { return guard_.faulted(); }
+    // Throws CorruptionError when faulted().
+    void checkIntact() const;
 
   private:
-    void doCheck( const TableLayout& layout );
+    void doCheck( const TableLayout& layout, uint64_t allocated, bool writable );
     std::string path_;
     int fd_ = -1;
     uint8_t* base_ = nullptr;
     size_t size_ = 0;
     TableGeometry geometry_;
+    MappingGuard guard_;
 };
 
 class ShmTableWriter {
@@ -159,6 +171,11 @@ class ShmTableWriter {
     TableFileMode mode_;
     ShmTableFile file_;
     bool dirty_ = false;
+};
+
+// How long a reader may still wait for busy slots (see ShmTableReader).
+struct BusyPatience {
+    double until = 0;  // 0: not waiting yet
 };
 
 // One change seen by a reader: the key's bytes.
@@ -228,7 +245,14 @@ class ShmTableReader {
     uint64_t tableId_ = 0;  // of the file the cached versions come from
     uint64_t lastSeq_ = 0;
     std::unordered_map<std::string, uint64_t> versions_;
-    std::vector<std::string> slotKey_;  // the key last seen in each slot
+    // The key last seen in each slot that held one: as many entries as the
+    // table really holds, whatever its index claims.
+    std::unordered_map<uint32_t, std::string> slotKey_;
+    // How long lookups and syncs may still wait for slots a live writer keeps
+    // half-written: one budget per table, renewed when the writer changes the
+    // table again, so that a writer stalled inside its records costs its
+    // readers one wait, not one per lookup.
+    mutable BusyPatience patience_;
 };
 
 // FNV-1a over the layout's description: a layout hash for TableLayout.

@@ -130,12 +130,13 @@ void TableReaderBase::sync() {
     syncing_ = false;
 }
 
-void TableReaderBase::doCorruption( const Error& error ) const {
-    if ( corruption_ ) {
-        corruption_( error );
+void reportCorruption( const CorruptionHandler& handler, const std::string& statePath,
+                       const Error& error ) {
+    if ( handler ) {
+        handler( error );
         return;
     }
-    std::string line = "table " + statePath_ + ": " + error.what() + "\n";
+    std::string line = "table " + statePath + ": " + error.what() + "\n";
     ssize_t ignored = ::write( STDERR_FILENO, line.data(), line.size() );
     (void)ignored;
 }

@@ -33,6 +33,7 @@
 #include <iterator>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -49,6 +50,10 @@ class InotifyWatch;
 class StateTree;
 
 using CorruptionHandler = std::function<void( const Error& )>;
+
+// Tells `handler` of a bad record or table at `statePath`; stderr when none.
+void reportCorruption( const CorruptionHandler& handler, const std::string& statePath,
+                       const Error& error );
 
 template <typename R>
 TableLayout tableLayoutOf() {
@@ -72,7 +77,9 @@ class TableReaderBase : public Entity {
         corruption_ = std::move( handler );
     }
     // Reports a bad record or table to the handler (stderr when none is set).
-    void doCorruption( const Error& error ) const;
+    void doCorruption( const Error& error ) const {
+        reportCorruption( corruption_, statePath_, error );
+    }
     // Whether the record behind `ref` (found by this reader) was not written
     // since: what was read from it in place holds only then.
     bool unchanged( const RecordRef& ref ) const { return core_.unchanged( ref ); }
@@ -225,6 +232,11 @@ class TableWriterBase : public Entity {
     void bellHold() { ++bellHolds_; }
     void bellRelease();
     size_t fileBytes() const { return core_.fileBytes(); }
+    // Others can write into our table too: a record that does not decode is
+    // told here (stderr when none is set) and reads as absent.
+    void corruptionHandlerIs( CorruptionHandler handler ) {
+        corruption_ = std::move( handler );
+    }
 
   protected:
     TableWriterBase( StateTree& tree, EventLoop* loop, std::string statePath,
@@ -236,6 +248,7 @@ class TableWriterBase : public Entity {
     std::string statePath_;
     EventLoop* loop_;
     ShmTableWriter core_;
+    CorruptionHandler corruption_;
 
   private:
     std::shared_ptr<bool> alive_;  // lets a queued flush see that we are gone
@@ -318,15 +331,27 @@ class TableWriter : public TableWriterBase {
         }
         return n;
     }
-    Value get( const Key& k ) const {
+    // The value under `k`; none when absent, or when the record fails its
+    // checks or does not decode (reported to the corruption handler).
+    std::optional<Value> lookup( const Key& k ) const {
         uint8_t key[R::keySize];
         R::encodeKey( k, key );
-        // The writer lives on one thread: one buffer serves every read.
-        if ( !core_.get( key, read_ ) ) {
-            return Value();
+        try {
+            // The writer lives on one thread: one buffer serves every read.
+            if ( !core_.get( key, read_ ) ) {
+                return std::nullopt;
+            }
+            return R::decodeValue( read_.data(), read_.size() );
+        } catch ( const CorruptionError& e ) {
+            reportCorruption( corruption_, statePath_, e );
+        } catch ( const Error& e ) {
+            reportCorruption( corruption_, statePath_,
+                              CorruptionError( statePath_, e.what() ) );
         }
-        return R::decodeValue( read_.data(), read_.size() );
+        return std::nullopt;
     }
+    // The value under `k`; a default Value when lookup() has none.
+    Value get( const Key& k ) const { return lookup( k ).value_or( Value() ); }
     bool has( const Key& k ) const {
         doMerge();
         return keys_.count( k ) != 0;

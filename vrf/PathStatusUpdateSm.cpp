@@ -64,6 +64,9 @@ void PathStatusUpdateSm::handleRefreshNeeded() {
     TRACE4( "Explicit path refresh request for "
             << key.pathKey().destination << " from client: " << key.clientName() );
     publishPathStatus();
+    if ( publishFailed_ ) {
+        return;  // pending until a later computation publishes
+    }
     pathStatusInfo_->refreshReasonIs( 0 );
     pathStatusInfo_->refreshNeededIs( false );
 }
@@ -77,6 +80,9 @@ void PathStatusUpdateSm::handlePathStatusCache() {
         return;
     }
     publishPathStatus();
+    if ( publishFailed_ ) {
+        return;  // pending until a later computation publishes
+    }
     pathStatusInfo_->refreshReasonIs( 0 );
     // Re-enters handleRefreshNeeded, which finds nothing pending.
     pathStatusInfo_->refreshNeededIs( false );
@@ -85,10 +91,9 @@ void PathStatusUpdateSm::handlePathStatusCache() {
 std::optional<PathStatus> PathStatusUpdateSm::doReadPathStatus() const {
     const Status* table = pathStatusInfo_->cspfStatus().get();
     const PathKey& pathKey = pathStatusInfo_->pathInfoKey().pathKey();
-    if ( !table || !table->pathStatusHas( pathKey ) ) {
-        return std::nullopt;
-    }
-    return table->pathStatus( pathKey );
+    // A record that does not decode (others can write into the table) reads as
+    // none, so that it is written anew; the table's handler traces it.
+    return table ? table->lookup( pathKey ) : std::nullopt;
 }
 
 bool PathStatusUpdateSm::isPathUpdateRequired() const {
@@ -140,6 +145,8 @@ bool PathStatusUpdateSm::doIsPathUpdateRequired(
 }
 
 void PathStatusUpdateSm::publishPathStatus() {
+    const bool failedBefore = publishFailed_;
+    publishFailed_ = false;
     const double now = Platform::now();
     const PathInfoKey& key = pathStatusInfo_->pathInfoKey();
     TRACE5( "called for: " << key.pathKey().destination
@@ -167,7 +174,26 @@ void PathStatusUpdateSm::publishPathStatus() {
     status.changeCount += 1;
     status.refreshRespSeq = pathStatusInfo_->lastRefreshReqSeq();
     // One whole-record write: the client sees one update.
-    table->pathStatusIs( status );
+    try {
+        table->pathStatusIs( status );
+    } catch ( const Platform::Error& e ) {
+        // No room for the table (tmpfs full): the old record stays, the
+        // refresh stays pending, and the next computation of the constraint,
+        // one throttle interval away, tries again. Traced at level 0 once
+        // until a write succeeds, then at level 4.
+        if ( !failedBefore ) {
+            TRACE0( "cannot write the path status of "
+                    << key.pathKey().destination << " for client: " << key.clientName()
+                    << ": " << e.what() );
+        } else {
+            TRACE4( "cannot write the path status of "
+                    << key.pathKey().destination << " for client: " << key.clientName()
+                    << ": " << e.what() );
+        }
+        publishFailed_ = true;
+        constraintInfo_->cspfRequestCountInc( 1 );
+        return;
+    }
     TRACE4( "Wrote new path status for path: "
             << key.pathKey().destination << " for client: " << key.clientName()
             << " ChangeCount: " << status.changeCount

@@ -59,7 +59,8 @@ class PathStatusUpdateSm : public Platform::Reactor {
     // published now: no record, other hops, or an unanswered request.
     bool isPathUpdateRequired() const;
     // Writes a new record when isPathUpdateRequired(); the caller clears the
-    // pending refresh.
+    // pending refresh, unless the table could not take the record (traced;
+    // a new computation is asked for, which tries again).
     void publishPathStatus();
 
     // "PathStatusUpdateSm <address>", the path, and the records it links.
@@ -75,6 +76,7 @@ class PathStatusUpdateSm : public Platform::Reactor {
     const Platform::Ptr<PathStatusInfo> pathStatusInfo_;
     const Platform::Ptr<const PathStatusCache> pathStatusCache_;
     const Platform::Ptr<ConstraintInfo> constraintInfo_;
+    bool publishFailed_ = false;  // the last publishPathStatus() could not write
 };
 
 }  // namespace Cspf

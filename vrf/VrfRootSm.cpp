@@ -1,10 +1,10 @@
 #include "vrf/VrfRootSm.h"
 
+#include <optional>
 #include <utility>
 
 #include "platform/Assert.h"
 #include "platform/Clock.h"
-#include "platform/Error.h"
 #include "platform/Mivlog.h"
 #include "records/PathStatus.h"
 #include "vrf/PathArray.h"
@@ -120,24 +120,20 @@ void VrfRootSm::initializePathStatusCache( const Ptr<PathStatusInfo>& pathStatus
     if ( !table || !table->pathStatusHas( pathKey ) ) {
         return;
     }
-    PathStatus record;
-    try {
-        record = table->pathStatus( pathKey );
-    } catch ( const Platform::Error& e ) {
-        // An unreadable record is as good as none: the first computation
-        // rewrites it.
-        TRACE0( "cannot read the pathStatus of destination "
-                << pathKey.destination << " id " << pathKey.id << ": " << e.what() );
+    // An unreadable record (the table's handler traces it) is as good as
+    // none: the first computation rewrites it.
+    const std::optional<PathStatus> record = table->lookup( pathKey );
+    if ( !record ) {
         return;
     }
     CSPF_ASSERT( !pathStatusCache->path() );
     TRACE4( "Initializing pathStatusCache with pathStatus for destination "
             << pathKey.destination << " id " << pathKey.id << ", hopCount "
-            << record.hops.size() );
+            << record->hops.size() );
     const Ptr<PathArray> path = create<PathArray>();
-    for ( size_t i = 0; i < record.hops.size(); ++i ) {
+    for ( size_t i = 0; i < record->hops.size(); ++i ) {
         const HopIndex index = HopIndex::fromWide( i );
-        path->pathIs( index, record.hops[index] );
+        path->pathIs( index, record->hops[index] );
     }
     pathStatusCache->pathIs( path );
 }

@@ -11,6 +11,7 @@
 #include "platform/StateTree.h"
 #include "records/Client.h"
 #include "root/DedupConstraintTable.h"
+#include "tests/support/ShmTableKit.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/Traces.h"
 #include "vrf/ConstraintInfoTableNotifiee.h"
@@ -128,6 +129,28 @@ TEST_F( PathStatusUpdateSmTest, ExplicitRefreshAloneIsAnsweredWithoutComputation
     EXPECT_EQ( record().hops[HopIndex( 1 )], IpGenAddr( "10.1.0.3" ) );
     EXPECT_EQ( record().changeCount, 4u );
     EXPECT_EQ( record().refreshRespSeq, 6u );
+}
+
+// Our own table, but others can write into it: a record that does not decode
+// (1025 hops) is read as none and written anew (the table's corruption
+// handler is told; here it goes to stderr).
+TEST_F( PathStatusUpdateSmTest, RecordThatDoesNotDecodeIsWrittenAnew ) {
+    seed( hops( { "10.1.0.1", "10.1.0.2" } ), 2, 4 );
+    const std::string file = tmp_.tree.filePath( status_->statePath() );
+    const auto slots = TestKit::liveSlots( TestKit::readFile( file ) );
+    ASSERT_EQ( slots.size(), 1u );
+    const auto value = TestKit::load<uint64_t>( TestKit::readFile( file ),
+                                                slots.begin()->second.offset + 16 );
+    const uint32_t tooMany = 1025;
+    ASSERT_TRUE( TestKit::patchFile( file, value + 40, &tooMany, 4 ) );
+
+    auto sm = makeSm();
+    info_->lastRefreshReqSeqIs( 5 );
+    pending( refreshReasonExplicit );
+    EXPECT_FALSE( info_->refreshNeeded() );
+    EXPECT_EQ( record().hops.size(), 2u );
+    EXPECT_EQ( record().changeCount, 1u );
+    EXPECT_EQ( record().refreshRespSeq, 5u );
 }
 
 TEST_F( PathStatusUpdateSmTest, EveryWriteRaisesChangeCountByExactlyOne ) {
