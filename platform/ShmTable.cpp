@@ -443,8 +443,14 @@ void ShmTableFile::adopt( int fd, const std::string& path, const TableLayout& la
     // Whoever else may open the file may also shrink it: from now on, an
     // access past its end reads zeros and is reported, never SIGBUS.
     guard_.add( base_, size_, prot );
+    uint64_t allocated = static_cast<uint64_t>( st.st_blocks ) * 512;
+    if ( writable && allocated < size_ && posix_fallocate( fd_, 0, st.st_size ) == 0 ) {
+        // A file of an older build, whose writer did not reserve its pages:
+        // its writer fills the holes and keeps every record.
+        allocated = size_;
+    }
     try {
-        doCheck( layout, static_cast<uint64_t>( st.st_blocks ) * 512, writable );
+        doCheck( layout, allocated, writable );
     } catch ( ... ) {
         close();
         throw;

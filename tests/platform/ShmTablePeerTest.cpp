@@ -149,6 +149,29 @@ TEST_F( ShmTablePeerTest, IndexLargerThanItsFileOrItsRecordsIsRefused ) {
                           "an index of 4096 slots for 3 records" ) );
 }
 
+TEST_F( ShmTablePeerTest, FileWithHolesIsRefusedUntilItsWriterFillsThem ) {
+    {
+        ShmTableWriter w( path_, layout() );
+        for ( uint32_t id = 0; id < 50; ++id ) {
+            put( w, id, "v" );
+        }
+    }
+    // A table as an older writer left it: its zero pages never allocated.
+    const std::string holed = path_ + ".holed";
+    ASSERT_EQ( system( ( "cp --sparse=always " + path_ + " " + holed + " && mv " + holed +
+                         " " + path_ )
+                           .c_str() ),
+               0 );
+    struct stat st;
+    ASSERT_EQ( stat( path_.c_str(), &st ), 0 );
+    if ( st.st_blocks * 512 >= st.st_size ) {
+        GTEST_SKIP() << "this file system made the copy without holes";
+    }
+    EXPECT_TRUE( corrupt( [&] { ShmTableReader( path_, layout() ); }, "sparse" ) );
+    { ShmTableWriter w( path_, layout() ); }
+    EXPECT_EQ( value( ShmTableReader( path_, layout() ), 49 ), "v" );
+}
+
 TEST_F( ShmTablePeerTest, FullTmpfsRefusesGrowthAndKeepsTheTable ) {
     const std::string path = small_ + "/table";
     const int code = inSmallTmpfs(

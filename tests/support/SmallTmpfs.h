@@ -23,10 +23,11 @@ constexpr const char* kNoTmpfsWhy =
 inline int inSmallTmpfs( const std::string& dir, size_t bytes,
                          const std::function<int()>& fn, double seconds ) {
     const pid_t pid = forkChild( [&] {
-        const std::string size = "size=" + std::to_string( bytes );
+        // Mode 0700: the tree uses only directories that nobody else may write.
+        const std::string options = "size=" + std::to_string( bytes ) + ",mode=0700";
         if ( unshare( CLONE_NEWNS ) != 0 ||
              mount( nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr ) != 0 ||
-             mount( "tmpfs", dir.c_str(), "tmpfs", 0, size.c_str() ) != 0 ) {
+             mount( "tmpfs", dir.c_str(), "tmpfs", 0, options.c_str() ) != 0 ) {
             return kNoTmpfs;
         }
         return fn();
