@@ -220,6 +220,20 @@ bool writerAlive( int fd ) {
     return fcntl( fd, F_OFD_GETLK, &fl ) == 0 && fl.l_type != F_UNLCK;
 }
 
+}  // namespace
+
+bool tableWriterAlive( const std::string& path ) {
+    const int fd = ::open( path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW );
+    if ( fd < 0 ) {
+        return false;
+    }
+    const bool alive = writerAlive( fd );
+    ::close( fd );
+    return alive;
+}
+
+namespace {
+
 uint64_t newTableId() {
     uint64_t id = 0;
     if ( getrandom( &id, sizeof( id ), GRND_NONBLOCK ) != sizeof( id ) ) {
@@ -1036,11 +1050,21 @@ size_t ShmTableWriter::residentBytes() const {
 
 // ---------------------------------------------------------------- reader
 
-ShmTableReader::ShmTableReader( std::string path, TableLayout layout )
+ShmTableReader::ShmTableReader( std::string path, TableLayout layout,
+                                bool unsoundAsAbsent )
     : path_( std::move( path ) ), layout_( std::move( layout ) ) {
-    if ( doOpen() ) {
-        doResync( {} );
+    try {
+        if ( !doOpen() ) {
+            return;
+        }
+    } catch ( const CorruptionError& e ) {
+        if ( !unsoundAsAbsent ) {
+            throw;
+        }
+        attachProblem_ = e.detail();
+        return;
     }
+    doResync( {} );
 }
 
 bool ShmTableReader::doOpen() {

@@ -163,10 +163,14 @@ struct RecordRef {
 class ShmTableReader {
   public:
     // Maps the table at `path` when it exists (else the reader starts
-    // detached); throws as ShmTableFile::open does.
-    ShmTableReader( std::string path, TableLayout layout );
+    // detached); throws as ShmTableFile::open does. With `unsoundAsAbsent`, a
+    // file whose content cannot be trusted (CorruptionError) is not thrown but
+    // kept in attachProblem(), and the reader starts detached as if the file
+    // were absent: a later sync attaches it once its writer rewrote it.
+    ShmTableReader( std::string path, TableLayout layout, bool unsoundAsAbsent = false );
 
     const std::string& path() const { return path_; }
+    const std::string& attachProblem() const { return attachProblem_; }
 
     // Copies the value out; false when absent. Throws CorruptionError for a
     // record that fails its bounds or stays half-written.
@@ -208,12 +212,17 @@ class ShmTableReader {
     std::string path_;
     TableLayout layout_;
     ShmTableFile file_;
+    std::string attachProblem_;
     std::function<void( const std::string& )> corruption_;
     uint64_t tableId_ = 0;  // of the file the cached versions come from
     uint64_t lastSeq_ = 0;
     std::unordered_map<std::string, uint64_t> versions_;
     std::vector<std::string> slotKey_;  // the key last seen in each slot
 };
+
+// Whether a writer holds the table file at `path` now (its lock lives as
+// long as the writer's process); false when there is no such file.
+bool tableWriterAlive( const std::string& path );
 
 // FNV-1a over the layout's description: a layout hash for TableLayout.
 uint64_t tableLayoutHash( std::string_view description );
