@@ -1309,7 +1309,20 @@ void ShmTableReader::sync( const TableChangeFn& changed ) {
         return;
     }
     if ( !file_.isOpen() ) {
-        if ( doOpen() || !versions_.empty() ) {
+        bool opened = false;
+        try {
+            opened = doOpen();
+        } catch ( const CorruptionError& e ) {
+            if ( e.detail() == attachProblem_ ) {
+                return;  // still the file it could not attach: no news
+            }
+            attachProblem_ = e.detail();
+            throw;
+        }
+        if ( opened ) {
+            attachProblem_.clear();
+        }
+        if ( opened || !versions_.empty() ) {
             doResync( changed );
         }
         return;

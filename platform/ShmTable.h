@@ -170,6 +170,8 @@ class ShmTableReader {
     ShmTableReader( std::string path, TableLayout layout, bool unsoundAsAbsent = false );
 
     const std::string& path() const { return path_; }
+    // Why the file at the path cannot be attached; empty once it is. A sync
+    // that meets the same problem again says nothing.
     const std::string& attachProblem() const { return attachProblem_; }
 
     // Copies the value out; false when absent. Throws CorruptionError for a

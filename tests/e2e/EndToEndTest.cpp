@@ -297,8 +297,8 @@ TEST_F( EndToEndTest, ACleanStopKeepsEveryResultAndTheRestartRewritesNone ) {
 
     ASSERT_EQ( agent_->stop(), 0 );
     listen();
-    EXPECT_TRUE( heard.empty() ) << heard.size() << " results told, first "
-                                 << heard[0].destination;
+    EXPECT_TRUE( heard.empty() )
+        << heard.size() << " results told, first " << heard[0].destination;
     keptAsTheyWere();
     EXPECT_FALSE( client->agentEnabled() );
     const cspf::AgentState stopped = client->agentState();
@@ -307,9 +307,9 @@ TEST_F( EndToEndTest, ACleanStopKeepsEveryResultAndTheRestartRewritesNone ) {
     EXPECT_EQ( stopped.startedAt, first.startedAt );
 
     agent_->start();
-    ASSERT_TRUE( eventually( [&] {
-        return client->agentEnabled() && agent_->runCount() >= 2;
-    } ) ) << agent_->command( "DUMP_CSPF_STATE" );
+    ASSERT_TRUE(
+        eventually( [&] { return client->agentEnabled() && agent_->runCount() >= 2; } ) )
+        << agent_->command( "DUMP_CSPF_STATE" );
     listen();
     EXPECT_TRUE( heard.empty() );
     keptAsTheyWere();
@@ -367,7 +367,7 @@ TEST_F( EndToEndTest, AnUnreadableTeConfigDisablesTheAgentUntilRewritten ) {
 
     ctl( { "te", "set", "--enabled", "yes", "--router-id", "10.0.0.1" } );
     EXPECT_TRUE( eventually( [&] { return client->agentEnabled(); } ) );
-    EXPECT_TRUE( eventually( [&] {
-        return servedAsBuilt( *client ) && agent_->runCount() >= 2;
-    } ) ) << agent_->command( "DUMP_CSPF_STATE" );
+    EXPECT_TRUE( eventually(
+        [&] { return servedAsBuilt( *client ) && agent_->runCount() >= 2; } ) )
+        << agent_->command( "DUMP_CSPF_STATE" );
 }
