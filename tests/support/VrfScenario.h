@@ -78,7 +78,9 @@ class VrfScenario : public ::testing::Test {
     // leaves.
     void stop() {
         sm = nullptr;
-        root->handleDestruction();
+        if ( root ) {
+            root->handleDestruction();
+        }
         root = nullptr;
     }
     void intfIs( const char* intf, const char* addr ) {
