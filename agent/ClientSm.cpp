@@ -22,9 +22,8 @@ ClientSm::ClientSm( std::string name, Ptr<Client> client,
     watch( client_.get(), Client::recordTag, &ClientSm::handleClientEntry );
 }
 
-ClientSm::~ClientSm() {
-    doPrepareToDie();
-}
+// Lets go of the VRFs without their teardown, as ~ClientVrfSm says.
+ClientSm::~ClientSm() = default;
 
 void ClientSm::handleInitialized() {
     for ( const L3::VrfName& vrfName : client_->vrfs() ) {

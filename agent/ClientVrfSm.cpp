@@ -26,8 +26,16 @@ ClientVrfSm::ClientVrfSm( const L3::VrfName& vrfName, std::string clientName,
     watch( client_.get(), Client::recordTag, &ClientVrfSm::handleClientEntry );
 }
 
+// Lets go of the tables without the teardown of doCleanupPathSm, which is for
+// a family or VRF the client dropped: the end of the agent leaves the
+// client's requests and results in place. The path reactors go before the
+// handles (members in that order).
 ClientVrfSm::~ClientVrfSm() {
-    doPrepareToDie();
+    pathSm_.clear();
+    for ( const auto& [af, handle] : vrfDedupHandle_ ) {
+        entityMgr_.entityDel( pathConfigTablePath( vrfName_, af, clientName_ ) );
+        entityMgr_.entityDel( pathStatusTablePath( vrfName_, af, clientName_ ) );
+    }
 }
 
 void ClientVrfSm::handleInitialized() {

@@ -1,13 +1,16 @@
 #include "agent/CspfAgent.h"
 
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <utility>
 
 #include "agent/CspfCommandCallback.h"
 #include "platform/Assert.h"
+#include "platform/Clock.h"
 #include "platform/Mivlog.h"
+#include "platform/ShmTable.h"
 #include "platform/StateTree.h"
 #include "records/Client.h"
 #include "records/CspfCliConfig.h"
@@ -41,16 +44,61 @@ Agent::~Agent() {
     if ( theAgent == this ) {
         theAgent = nullptr;
     }
-    // The channel first (no command may run into a half-gone agent), then the
-    // clients (their handles end the VRFs), then the roots.
+    // The channel first: no command may run into a half-gone agent.
     cliRequestDirSm_.reset();
-    clientDirSm_ = nullptr;
+    // The end of the agent is not the end of its clients: every client's
+    // tables and results stay as they are, for the next run to take over;
+    // only the agent status says that this run stopped. The roots go before
+    // the clients, so their VRFs are let go without the end of a VRF (whose
+    // clean-up is for the last client leaving it); then the client reactors
+    // let go of their tables without their per-client teardown.
+    if ( agentStatus_ ) {
+        agentStatus_->runningDel();
+        agentStatus_->flush();  // the loop runs no more rounds
+    }
     v4CspfRoot_ = nullptr;
     v6CspfRoot_ = nullptr;
+    clientDirSm_ = nullptr;
+}
+
+void Agent::doClaimAgentStatus() {
+    // The agent status has one writer, the running agent: a second agent on
+    // the tree stops here, before it touched anything of the first one's.
+    const Platform::TablePath file( stateTree().root(), kAgentStatusPath );
+    auto claim = [&] {
+        agentStatus_ = entityManager().mount<AgentStatus>( kAgentStatusPath,
+                                                           Platform::MountMode::write );
+    };
+    try {
+        claim();
+    } catch ( const Platform::Error& e ) {
+        if ( Platform::tableWriterAlive( file ) ) {
+            std::string pid = "not known";
+            try {
+                const AgentStatusValue running =
+                    Platform::create<AgentStatusReader>( stateTree(), nullptr,
+                                                         kAgentStatusPath )
+                        ->value();
+                if ( running.running && running.pid ) {
+                    pid = std::to_string( running.pid );
+                }
+            } catch ( const Platform::Error& ) {
+                // An agent of another record layout: its pid cannot be read.
+            }
+            throw Platform::Error( "state tree " + stateTree().root() +
+                                   " already has a running agent, pid " + pid );
+        }
+        // Nobody writes it: our own table, left by an agent of another record
+        // layout. It starts again; a second failure is a local one.
+        stateTree().removeTable( kAgentStatusPath );
+        claim();
+    }
+    agentStatus_->runningIs( static_cast<uint32_t>( getpid() ), Platform::clock().now() );
 }
 
 void Agent::doInit() {
     framework().epollWaitIs( true );
+    doClaimAgentStatus();
     if ( !getenv( "MIVLOG_DISABLE" ) ) {
         Mivlog::initFromEnvironment( name() );
     }
@@ -58,7 +106,6 @@ void Agent::doInit() {
     group.mount<Platform::DirectoryWatch>( kClientDirPath, "ri" );
     group.mount<TrafficEngineering::Config>( TrafficEngineering::kConfigPath, "r" );
     group.mount<CspfCliConfig>( kCspfCliConfigPath, "ri" );
-    group.mount<AgentStatus>( kAgentStatusPath, "w" );
     group.mount<Ip::Status>( Ip::kStatusPath, "r" );
     group.mount<Platform::DirectoryWatch>( kTopoDbClientDir, "wi" );
     group.mount<Platform::DirectoryWatch>( kTopoDb6ClientDir, "wi" );
@@ -78,7 +125,6 @@ void Agent::doMountsComplete( const Platform::MountStatus& mountStatus,
         entityManager.entity<Platform::DirectoryWatch>( kClientDirPath );
     const auto teConfig = entityManager.entity<TrafficEngineering::Config>(
         TrafficEngineering::kConfigPath );
-    const auto agentStatus = entityManager.entity<AgentStatus>( kAgentStatusPath );
     topoDbClientDir_ = entityManager.entity<Platform::DirectoryWatch>( kTopoDbClientDir );
     topoDb6ClientDir_ =
         entityManager.entity<Platform::DirectoryWatch>( kTopoDb6ClientDir );
@@ -87,7 +133,14 @@ void Agent::doMountsComplete( const Platform::MountStatus& mountStatus,
                   scheduler_ );
     v6CspfRootIs( Net::AddressFamily::ipv6, entityManager, teConfig, topoDb6ClientDir_,
                   scheduler_ );
-    clientDirSmIs( entityManager, clientDir, teConfig, agentStatus,
+    if ( teConfig ) {
+        // A peer's broken configuration: the agent takes it as absent (so
+        // disabled) and follows the table until it is rewritten.
+        teConfig->corruptionHandlerIs( []( const Platform::Error& e ) {
+            TRACE0( "TE configuration taken as absent: " << e.what() );
+        } );
+    }
+    clientDirSmIs( entityManager, clientDir, teConfig, agentStatus_,
                    v4CspfRoot_->allClientInfo(), v6CspfRoot_->allClientInfo() );
 
     cliRequestDir_ = entityManager.entity<Platform::DirectoryWatch>(

@@ -29,7 +29,8 @@ class Agent : public AgentBase::CAgent {
     explicit Agent( const std::string& name );
     ~Agent() override;
 
-    // The event loop's waiting mode, tracing and the mounts.
+    // The agent status (the tree's one agent), the event loop's waiting mode,
+    // tracing and the mounts. Throws Error when another agent runs on the tree.
     void doInit() override;
     // The roots, the client directory reactor and the command channel.
     void doMountsComplete( const Platform::MountStatus& mountStatus,
@@ -52,6 +53,7 @@ class Agent : public AgentBase::CAgent {
     void cliRequestDirSmIs();
 
     Platform::TaskScheduler& scheduler() { return scheduler_; }
+    const Platform::Ptr<AgentStatus>& agentStatus() const { return agentStatus_; }
     const Platform::Ptr<ClientDirSm>& clientDirSm() const { return clientDirSm_; }
     const Platform::Ptr<CspfRoot>& v4CspfRoot() const { return v4CspfRoot_; }
     const Platform::Ptr<CspfRoot>& v6CspfRoot() const { return v6CspfRoot_; }
@@ -75,7 +77,10 @@ class Agent : public AgentBase::CAgent {
     void dumpState( Platform::DumpContext& context, unsigned indent ) const;
 
   private:
+    void doClaimAgentStatus();
+
     Platform::TaskScheduler scheduler_;
+    Platform::Ptr<AgentStatus> agentStatus_;
     Platform::Ptr<ClientDirSm> clientDirSm_;
     Platform::Ptr<CspfRoot> v4CspfRoot_;
     Platform::Ptr<CspfRoot> v6CspfRoot_;

@@ -401,20 +401,43 @@ std::vector<PathResult> Client::results( const Table& table ) const {
     return guard( impl_->context, [&] { return impl_->doResults( table ).results(); } );
 }
 
-bool Client::agentEnabled() const {
+// The client's names for the runs the record tells apart, in the same order.
+static_assert( static_cast<int>( AgentState::Run::none ) ==
+                   static_cast<int>( Cspf::AgentRun::none ) &&
+               static_cast<int>( AgentState::Run::running ) ==
+                   static_cast<int>( Cspf::AgentRun::running ) &&
+               static_cast<int>( AgentState::Run::stopped ) ==
+                   static_cast<int>( Cspf::AgentRun::stopped ) &&
+               static_cast<int>( AgentState::Run::died ) ==
+                   static_cast<int>( Cspf::AgentRun::died ) );
+
+const char* runName( AgentState::Run run ) {
+    return Cspf::toString( static_cast<Cspf::AgentRun>( run ) );
+}
+
+AgentState Client::agentState() const {
     return guard( impl_->context, [&] {
         Impl& d = *impl_;
+        AgentState state;
         if ( !d.agentStatus ) {
             if ( !d.tree.exists( Cspf::kAgentStatusPath ) ) {
-                return false;
+                return state;
             }
             d.agentStatus = Platform::create<Cspf::AgentStatusReader>(
                 d.tree, nullptr, Cspf::kAgentStatusPath );
             d.agentStatus->corruptionHandlerIs( []( const Platform::Error& ) {} );
         }
-        d.agentStatus->sync();
-        return d.agentStatus->agentEnabled();
+        state.run = static_cast<AgentState::Run>( d.agentStatus->run() );
+        const Cspf::AgentStatusValue v = d.agentStatus->value();
+        state.enabled = state.run == AgentState::Run::running && v.agentEnabled;
+        state.pid = v.pid;
+        state.startedAt = v.startedAt;
+        return state;
     } );
+}
+
+bool Client::agentEnabled() const {
+    return agentState().enabled;
 }
 
 void Client::watchIs( WatchFn callback ) {

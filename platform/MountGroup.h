@@ -6,7 +6,9 @@
 //
 //   "r"   read: attach a table (an absent one is an empty view that fills when
 //         it appears) or follow a directory; a table of another type or an
-//         unsound file fails the group, naming the path and the reason.
+//         unsound file fails the group, naming the path and the reason. A
+//         one-record table (SingletonReader) with an unsound file is mounted
+//         as absent instead, and followed until its writer rewrites it.
 //   "ri"  read, immediate: as "r", but a failure is reported in the status's
 //         list of skipped mounts and does not fail the group.
 //   "w"   write: create the table or directory (and its parents), or

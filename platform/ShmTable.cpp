@@ -226,6 +226,25 @@ bool writerAlive( int fd ) {
     return fcntl( fd, F_OFD_GETLK, &fl ) == 0 && fl.l_type != F_UNLCK;
 }
 
+}  // namespace
+
+bool tableWriterAlive( const TablePath& where ) {
+    const TreeDir dir( where.root, where.directory );
+    if ( !dir.complete() ) {
+        return false;
+    }
+    const int fd =
+        openat( dir.fd(), where.name.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW );
+    if ( fd < 0 ) {
+        return false;
+    }
+    const bool alive = writerAlive( fd );
+    ::close( fd );
+    return alive;
+}
+
+namespace {
+
 uint64_t newTableId() {
     uint64_t id = 0;
     if ( getrandom( &id, sizeof( id ), GRND_NONBLOCK ) != sizeof( id ) ) {
@@ -1168,13 +1187,23 @@ size_t ShmTableWriter::residentBytes() const {
 
 // ---------------------------------------------------------------- reader
 
-ShmTableReader::ShmTableReader( TablePath where, TableLayout layout )
+ShmTableReader::ShmTableReader( TablePath where, TableLayout layout,
+                                bool unsoundAsAbsent )
     : where_( std::move( where ) ),
       path_( where_.full() ),
       layout_( std::move( layout ) ) {
-    if ( doOpen() ) {
-        doResync( {} );
+    try {
+        if ( !doOpen() ) {
+            return;
+        }
+    } catch ( const CorruptionError& e ) {
+        if ( !unsoundAsAbsent ) {
+            throw;
+        }
+        attachProblem_ = e.detail();
+        return;
     }
+    doResync( {} );
 }
 
 bool ShmTableReader::doOpen() {
@@ -1438,7 +1467,20 @@ void ShmTableReader::sync( const TableChangeFn& changed ) {
         return;
     }
     if ( !file_.isOpen() ) {
-        if ( doOpen() || !versions_.empty() ) {
+        bool opened = false;
+        try {
+            opened = doOpen();
+        } catch ( const CorruptionError& e ) {
+            if ( e.detail() == attachProblem_ ) {
+                return;  // still the file it could not attach: no news
+            }
+            attachProblem_ = e.detail();
+            throw;
+        }
+        if ( opened ) {
+            attachProblem_.clear();
+        }
+        if ( opened || !versions_.empty() ) {
             doResync( changed );
         }
         return;

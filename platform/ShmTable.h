@@ -195,10 +195,17 @@ struct RecordRef {
 class ShmTableReader {
   public:
     // Maps the table at `path` when it exists (else the reader starts
-    // detached); throws as ShmTableFile::open does.
-    ShmTableReader( TablePath where, TableLayout layout );
+    // detached); throws as ShmTableFile::open does. With `unsoundAsAbsent`, a
+    // file whose content cannot be trusted (CorruptionError) is not thrown but
+    // kept in attachProblem(), and the reader starts detached as if the file
+    // were absent: a later sync attaches it once its writer rewrote it.
+    ShmTableReader( TablePath where, TableLayout layout, bool unsoundAsAbsent = false );
 
+    const TablePath& where() const { return where_; }
     const std::string& path() const { return path_; }
+    // Why the file at the path cannot be attached; empty once it is. A sync
+    // that meets the same problem again says nothing.
+    const std::string& attachProblem() const { return attachProblem_; }
 
     // Copies the value out; false when absent. Throws CorruptionError for a
     // record that fails its bounds or stays half-written.
@@ -241,6 +248,7 @@ class ShmTableReader {
     std::string path_;
     TableLayout layout_;
     ShmTableFile file_;
+    std::string attachProblem_;
     std::function<void( const std::string& )> corruption_;
     uint64_t tableId_ = 0;  // of the file the cached versions come from
     uint64_t lastSeq_ = 0;
@@ -254,6 +262,10 @@ class ShmTableReader {
     // readers one wait, not one per lookup.
     mutable BusyPatience patience_;
 };
+
+// Whether a writer holds the table file now (its lock lives as long as the
+// writer's process); false when there is no such file.
+bool tableWriterAlive( const TablePath& where );
 
 // FNV-1a over the layout's description: a layout hash for TableLayout.
 uint64_t tableLayoutHash( std::string_view description );

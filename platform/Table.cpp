@@ -36,11 +36,12 @@ TableFileMode modeOf( const StateTree& tree ) {
 // ---------------------------------------------------------------- reader
 
 TableReaderBase::TableReaderBase( StateTree& tree, Inotify* inotify,
-                                  std::string statePath, TableLayout layout )
+                                  std::string statePath, TableLayout layout,
+                                  bool unsoundAsAbsent )
     : statePath_( std::move( statePath ) ),
       inotify_( inotify ),
       core_( ( tree.makeParents( statePath_ ), TablePath( tree.root(), statePath_ ) ),
-             std::move( layout ) ) {
+             std::move( layout ), unsoundAsAbsent ) {
     core_.corruptionHandlerIs( [this]( const std::string& detail ) {
         doCorruption( CorruptionError( statePath_, detail ) );
     } );
@@ -66,6 +67,14 @@ TableReaderBase::TableReaderBase( StateTree& tree, Inotify* inotify,
                              }
                          } );
     doWatchFile();
+}
+
+void TableReaderBase::corruptionHandlerIs( CorruptionHandler handler ) {
+    corruption_ = std::move( handler );
+    if ( corruption_ && !attachProblemTold_ && !core_.attachProblem().empty() ) {
+        attachProblemTold_ = true;
+        corruption_( CorruptionError( statePath_, core_.attachProblem() ) );
+    }
 }
 
 void TableReaderBase::handleInitialized() {

@@ -70,12 +70,15 @@ class TableReaderBase : public Entity {
     void handleInitialized();
     const std::string& statePath() const { return statePath_; }
     bool attached() const { return core_.attached(); }
+    // Whether a writer holds the table now: its lock lives as long as the
+    // writer's process.
+    bool writerAlive() const { return tableWriterAlive( core_.where() ); }
     // Takes in the changes made since the last sync and notifies per key.
     // Runs by itself on inotify events when the reader has an Inotify.
     void sync();
-    void corruptionHandlerIs( CorruptionHandler handler ) {
-        corruption_ = std::move( handler );
-    }
+    // A problem met attaching an unsound file (see TableReader) is told to
+    // the first handler set.
+    void corruptionHandlerIs( CorruptionHandler handler );
     // Reports a bad record or table to the handler (stderr when none is set).
     void doCorruption( const Error& error ) const {
         reportCorruption( corruption_, statePath_, error );
@@ -86,7 +89,7 @@ class TableReaderBase : public Entity {
 
   protected:
     TableReaderBase( StateTree& tree, Inotify* inotify, std::string statePath,
-                     TableLayout layout );
+                     TableLayout layout, bool unsoundAsAbsent );
     virtual void doKeyChanged( const uint8_t* key ) = 0;
     // Watches the file the reader has mapped; true when the watch is new.
     bool doWatchFile();
@@ -97,6 +100,7 @@ class TableReaderBase : public Entity {
 
   private:
     CorruptionHandler corruption_;
+    bool attachProblemTold_ = false;
     std::unique_ptr<InotifyWatch> dirWatch_;
     std::unique_ptr<InotifyWatch> fileWatch_;
     ino_t watchedInode_ = 0;  // the inode fileWatch_ is on
@@ -111,8 +115,14 @@ class TableReader : public TableReaderBase {
     using Value = typename R::Value;
     static constexpr KeyTag<Key> recordTag{};
 
-    TableReader( StateTree& tree, Inotify* inotify, std::string statePath )
-        : TableReaderBase( tree, inotify, std::move( statePath ), tableLayoutOf<R>() ) {
+    // Throws Error for a table of another type, and CorruptionError for an
+    // unsound file unless `unsoundAsAbsent`: then the reader reads as empty
+    // and follows the path until the file is rewritten (a peer's broken table
+    // is not a reason to stop reading it).
+    TableReader( StateTree& tree, Inotify* inotify, std::string statePath,
+                 bool unsoundAsAbsent = false )
+        : TableReaderBase( tree, inotify, std::move( statePath ), tableLayoutOf<R>(),
+                           unsoundAsAbsent ) {
         doIndexAll();
     }
 
@@ -421,12 +431,16 @@ struct SingletonRecord {
     }
 };
 
+// A one-record table holds settings or a status: an unsound file reads as
+// absent (told to the corruption handler) and is followed until rewritten.
 template <typename R>
 class SingletonReader : public TableReader<SingletonRecord<R>> {
   public:
     using Value = typename R::Value;
     static constexpr AttrTag valueTag{};
-    using TableReader<SingletonRecord<R>>::TableReader;
+    SingletonReader( StateTree& tree, Inotify* inotify, std::string statePath )
+        : TableReader<SingletonRecord<R>>( tree, inotify, std::move( statePath ), true ) {
+    }
     // The record, or a default Value while the table is absent or empty.
     Value value() const { return this->get( SingletonKey() ); }
     bool exists() const { return this->has( SingletonKey() ); }

@@ -24,6 +24,9 @@ void CspfActiveVrfsNotifiee::handleRemove( Platform::DedupHandle& handle ) {
     TRACE4( "Deleting active VRF: " << vrfName );
     CspfRoot& root = *cspfRoot_;
     root.vrfRootSmDel( vrfName );
+    if ( const auto vrfRoot = root.vrfRoot( vrfName ) ) {
+        vrfRoot->handleDestruction();
+    }
     root.vrfRootDel( vrfName );
     root.allClientInfo()->pathConfigInfoTableDel( vrfName );
     root.allClientInfo()->pathStatusInfoTableDel( vrfName );

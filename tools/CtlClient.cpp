@@ -257,7 +257,10 @@ int clientShow( Args args, const std::string& root ) {
                      status ? status->pathStatuses() : 0 );
     }
     auto agent = readerOf<AgentStatusReader>( tree, kAgentStatusPath, problems );
-    std::printf( "agentEnabled %s\n", agent && agent->agentEnabled() ? "yes" : "no" );
+    std::printf( "agentEnabled %s\n",
+                 agent && agent->run() == AgentRun::running && agent->agentEnabled()
+                     ? "yes"
+                     : "no" );
     return problems.status();
 }
 

@@ -194,13 +194,21 @@ int agentShow( Args args, const std::string& root ) {
     expectTree( root );
     Platform::StateTree tree( root );
     bool exists = false;
-    const bool enabled =
+    const AgentStatusValue status =
         readSingleton<AgentStatusReader>( tree, kAgentStatusPath, exists );
-    std::printf( "agentEnabled %s\n", yesNo( enabled ) );
     if ( !exists ) {
-        std::printf( "(no record at %s: no agent has run on this tree)\n",
-                     kAgentStatusPath );
+        std::printf(
+            "agentEnabled no\n(no record at %s: no agent has run on this tree)\n",
+            kAgentStatusPath );
+        return 0;
     }
+    const AgentRun run =
+        Platform::create<AgentStatusReader>( tree, nullptr, kAgentStatusPath )->run();
+    // Enabled only while an agent runs: the record of a stopped or dead one
+    // tells what that run last did.
+    std::printf( "agentEnabled %s\nagent %s, pid %u, started at %.3f\n",
+                 yesNo( run == AgentRun::running && status.agentEnabled ),
+                 toString( run ), status.pid, status.startedAt );
     return 0;
 }
 

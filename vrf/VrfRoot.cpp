@@ -70,7 +70,7 @@ VrfRoot::VrfRoot( const L3::VrfName& vrfName, Net::AddressFamily af,
 }
 
 VrfRoot::~VrfRoot() {
-    handleDestruction();
+    doLetGo( false );
 }
 
 template <typename T, typename Make>
@@ -180,6 +180,10 @@ void VrfRoot::pathSmsDel( const PathInfoKey& key ) {
 }
 
 void VrfRoot::handleDestruction() {
+    doLetGo( true );
+}
+
+void VrfRoot::doLetGo( bool vrfEnds ) {
     if ( destroyed_ ) {
         return;
     }
@@ -202,7 +206,10 @@ void VrfRoot::handleDestruction() {
     dedupConstraintTable_->dedupTableNotifieeIs( nullptr );
     allTopoDbView_.reset();
     allTopoDbSm_ = nullptr;
-    disableTopoDbClient();
+    if ( vrfEnds ) {
+        disableTopoDbClient();
+    }
+    topoDbClient_ = nullptr;
     if ( allTopoDb_ ) {
         allTopoDb_->topoDbDelAll();
     }
@@ -217,7 +224,7 @@ void VrfRoot::handleDestruction() {
     if ( intfIpToRouterIdTable_ ) {
         const std::string path = intfIpToRouterIdPath( vrfName_ );
         intfIpToRouterIdTable_ = nullptr;
-        if ( doReleaseEntity( path ) ) {
+        if ( doReleaseEntity( path ) && vrfEnds ) {
             try {
                 entityMgr_->tree().removeTable( path );
             } catch ( const Platform::Error& e ) {

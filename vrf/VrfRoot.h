@@ -88,7 +88,9 @@ class VrfRoot : public Platform::Entity {
              Platform::Ptr<TrafficEngineering::Config> teConfig,
              Platform::Ptr<Platform::DirectoryWatch> parentDir,
              Platform::TaskScheduler& taskScheduler );
-    // Runs handleDestruction when the owner did not.
+    // Lets go of everything as handleDestruction does, but leaves the topology
+    // client entry and the router-id table in the tree when the owner did not
+    // run it: the end of the agent is not the end of the VRF.
     ~VrfRoot() override;
 
     const L3::VrfName& vrfName() const { return vrfName_; }
@@ -167,8 +169,8 @@ class VrfRoot : public Platform::Entity {
     // Creates the router-id table, reads the CSPF settings, mounts the level
     // databases, enters the topology client and starts the topology reactors.
     void handleInitialized();
-    // Drops every reactor, the topology client entry and the router-id
-    // table. Runs once.
+    // The end of the VRF (its last client left): drops every reactor, the
+    // topology client entry and the router-id table. Runs once.
     void handleDestruction();
 
     // Deletes the reactors of one path and its cache, in this order:
@@ -183,6 +185,9 @@ class VrfRoot : public Platform::Entity {
     void dumpState( Platform::DumpContext& context, unsigned indent ) const;
 
   private:
+    // handleDestruction's work; the tree's entries go only when `vrfEnds`.
+    void doLetGo( bool vrfEnds );
+
     // The manager's entity at `path` of type T, or a new one made by `make`
     // and registered there, so that both families of a VRF share one.
     template <typename T, typename Make>

@@ -121,9 +121,24 @@ TEST_F( ClientTest, ReadsResultsAndTheAgentStatus ) {
     EXPECT_EQ( r->hops, ( std::vector<std::string>{ "fe80::1", "2001:db8::9" } ) );
     EXPECT_EQ( client.results( kBlue6 ).size(), 1u );
 
+    // The record and the writer's lock tell a running, a stopped and a dead
+    // agent apart; only a running one is enabled.
+    using Run = cspf::AgentState::Run;
     auto agent = create<Cspf::AgentStatus>( tmp.tree, nullptr, Cspf::kAgentStatusPath );
     agent->agentEnabledIs( true );
+    EXPECT_EQ( client.agentState().run, Run::stopped );
+    agent->runningIs( 4321, 12.5 );
     EXPECT_TRUE( client.agentEnabled() );
+    agent->runningDel();
+    EXPECT_FALSE( client.agentEnabled() );
+    EXPECT_EQ( client.agentState().run, Run::stopped );
+    EXPECT_EQ( client.agentState().pid, 4321u );
+    agent->runningIs( 4322, 13.5 );
+    agent->agentEnabledIs( true );
+    agent = nullptr;  // gone without a stop
+    EXPECT_FALSE( client.agentEnabled() );
+    EXPECT_EQ( client.agentState().run, Run::died );
+    EXPECT_EQ( client.agentState().startedAt, 13.5 );
 }
 
 TEST_F( ClientTest, CorruptResultReadsAsAbsent ) {

@@ -345,3 +345,117 @@ TEST_F( EndToEndTest, WhatAClientKilledInsideABatchWroteIsServed ) {
             << name;
     }
 }
+
+// What a client reads of the agent, and every result it is told of, across a
+// clean stop, a restart, a SIGKILL and another restart.
+TEST_F( EndToEndTest, ACleanStopKeepsEveryResultAndTheRestartRewritesNone ) {
+    auto client = te1();
+    ASSERT_TRUE( eventually( [&] { return servedAsBuilt( *client ); } ) );
+    std::vector<cspf::ResultChange> heard;
+    client->watchIs( [&]( const cspf::ResultChange& c ) { heard.push_back( c ); } );
+    // Takes in for a while whatever the agent would publish.
+    auto listen = [&] {
+        const double end = TestKit::monoNow() + 0.3;
+        while ( TestKit::monoNow() < end ) {
+            pollfd p{ client->fd(), POLLIN, 0 };
+            if ( poll( &p, 1, 10 ) > 0 ) {
+                client->process();
+            }
+        }
+    };
+    listen();
+    heard.clear();
+    const auto kept = client->results( kTable );
+    auto keptAsTheyWere = [&] {
+        for ( const cspf::PathResult& before : kept ) {
+            const auto after = client->result( kTable, before.destination, before.id );
+            EXPECT_TRUE( after ) << before.destination;
+            if ( after ) {
+                EXPECT_EQ( after->changeCount, before.changeCount ) << before.destination;
+                EXPECT_EQ( after->lastUpdated, before.lastUpdated ) << before.destination;
+                EXPECT_EQ( after->hops, before.hops ) << before.destination;
+            }
+        }
+    };
+    using Run = cspf::AgentState::Run;
+    const cspf::AgentState first = client->agentState();
+    EXPECT_EQ( first.run, Run::running );
+    EXPECT_TRUE( first.enabled );
+    EXPECT_EQ( first.pid, static_cast<uint32_t>( agent_->pid() ) );
+
+    ASSERT_EQ( agent_->stop(), 0 );
+    listen();
+    EXPECT_TRUE( heard.empty() )
+        << heard.size() << " results told, first " << heard[0].destination;
+    keptAsTheyWere();
+    EXPECT_FALSE( client->agentEnabled() );
+    const cspf::AgentState stopped = client->agentState();
+    EXPECT_EQ( stopped.run, Run::stopped );
+    EXPECT_EQ( stopped.pid, first.pid );
+    EXPECT_EQ( stopped.startedAt, first.startedAt );
+
+    agent_->start();
+    ASSERT_TRUE(
+        eventually( [&] { return client->agentEnabled() && agent_->runCount() >= 2; } ) )
+        << agent_->command( "DUMP_CSPF_STATE" );
+    listen();
+    EXPECT_TRUE( heard.empty() );
+    keptAsTheyWere();
+    const cspf::AgentState second = client->agentState();
+    EXPECT_EQ( second.pid, static_cast<uint32_t>( agent_->pid() ) );
+    EXPECT_GT( second.startedAt, first.startedAt );
+
+    agent_->kill9();
+    EXPECT_FALSE( client->agentEnabled() );
+    EXPECT_EQ( client->agentState().run, Run::died );
+    EXPECT_EQ( client->agentState().pid, second.pid );
+    keptAsTheyWere();
+}
+
+// One agent per tree: a second one says so and leaves the first one alone.
+TEST_F( EndToEndTest, ASecondAgentStopsWithOneLineAndTouchesNothing ) {
+    auto client = te1();
+    ASSERT_TRUE( eventually( [&] { return servedAsBuilt( *client ); } ) );
+    const cspf::AgentState before = client->agentState();
+    const auto second = TestKit::runShell( std::string( CSPFD_PATH ) + " --root " +
+                                           dir_.path() + " 2>&1" );
+    EXPECT_EQ( second.status, 1 );
+    EXPECT_EQ( second.out, "cspfd: state tree " + dir_.path() +
+                               " already has a running agent, pid " +
+                               std::to_string( agent_->pid() ) + "\n" );
+    const cspf::AgentState after = client->agentState();
+    EXPECT_EQ( after.run, cspf::AgentState::Run::running );
+    EXPECT_TRUE( after.enabled );
+    EXPECT_EQ( after.pid, before.pid );
+    EXPECT_EQ( after.startedAt, before.startedAt );
+    const uint32_t seq = client->refresh( kTable, "10.0.0.6", 1 );
+    EXPECT_TRUE( eventually( [&] {
+        return client->result( kTable, "10.0.0.6", 1 )->refreshRespSeq == seq;
+    } ) );
+    EXPECT_TRUE( agent_->running() );
+}
+
+// A TE configuration that cannot be read is taken as absent: the agent runs
+// disabled, keeps every result, and follows the table once it is rewritten.
+TEST_F( EndToEndTest, AnUnreadableTeConfigDisablesTheAgentUntilRewritten ) {
+    auto client = te1();
+    ASSERT_TRUE( eventually( [&] { return servedAsBuilt( *client ); } ) );
+    const auto kept = client->results( kTable );
+    ASSERT_EQ( agent_->stop(), 0 );
+    std::filesystem::resize_file( dir_.path() + "/te/config", 16 );
+
+    agent_->start();
+    ASSERT_TRUE( eventually( [&] {
+        return !agent_->command( "DUMP_CSPF_STATE" ).empty() || !agent_->running();
+    } ) );
+    ASSERT_TRUE( agent_->running() );
+    EXPECT_EQ( client->agentState().run, cspf::AgentState::Run::running );
+    EXPECT_FALSE( client->agentEnabled() );
+    EXPECT_EQ( client->results( kTable ).size(), kept.size() );
+
+    ctl( { "te", "set", "--enabled", "yes", "--router-id", "10.0.0.1" } );
+    EXPECT_TRUE( eventually( [&] { return client->agentEnabled(); } ) );
+    EXPECT_TRUE( eventually(
+        [&] { return servedAsBuilt( *client ) && agent_->runCount() >= 2; } ) )
+        << agent_->command( "DUMP_CSPF_STATE" );
+}

@@ -1,6 +1,7 @@
 // Typed table entities: a reactor sees a mounted table like a collection,
 // across the life of its file.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <map>
@@ -233,6 +234,30 @@ TEST_F( TableTest, SingletonNotifiesItsValue ) {
     pump();
     EXPECT_EQ( changes, 1 );
     EXPECT_EQ( reader->value(), 5u );
+}
+
+// Settings a peer broke read as absent, told once, and come back with the
+// writer's next write; the writer's lock says whether it lives.
+TEST_F( TableTest, SingletonOverAnUnsoundFileReadsAsAbsentUntilRewritten ) {
+    create<SingletonWriter<LimitRecord>>( tree_, &loop_, "cfg/limit" )->valueIs( 5 );
+    ASSERT_EQ( truncate( tree_.filePath( "cfg/limit" ).c_str(), 16 ), 0 );
+    auto reader = create<SingletonReader<LimitRecord>>( tree_, &inotify_, "cfg/limit" );
+    std::vector<std::string> told;
+    reader->corruptionHandlerIs( [&]( const Error& e ) { told.push_back( e.what() ); } );
+    pump();
+    reader->sync();
+    ASSERT_EQ( told.size(), 1u );
+    EXPECT_NE( told[0].find( "truncated" ), std::string::npos ) << told[0];
+    EXPECT_FALSE( reader->exists() );
+    EXPECT_FALSE( reader->writerAlive() );
+    auto writer = create<SingletonWriter<LimitRecord>>( tree_, &loop_, "cfg/limit" );
+    writer->valueIs( 7 );
+    pump();
+    EXPECT_EQ( reader->value(), 7u );
+    EXPECT_TRUE( reader->writerAlive() );
+    writer = nullptr;
+    EXPECT_FALSE( reader->writerAlive() );
+    EXPECT_EQ( told.size(), 1u );
 }
 
 }  // namespace

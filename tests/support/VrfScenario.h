@@ -74,8 +74,13 @@ class VrfScenario : public ::testing::Test {
                                      clientDir, scheduler );
         sm = Platform::create<Cspf::VrfRootSm>( vrf, root );
     }
+    // The end of the VRF, as the family's root ends it when its last client
+    // leaves.
     void stop() {
         sm = nullptr;
+        if ( root ) {
+            root->handleDestruction();
+        }
         root = nullptr;
     }
     void intfIs( const char* intf, const char* addr ) {

@@ -297,9 +297,15 @@ TEST( CspfctlTest, SettingsChangeOnlyWhatIsGivenAndRefuseWhatTheAgentCouldNotRea
                "initialWaitMs 50\nholdWaitMs 300\nmaxWaitMs 6000\n" );
 
     EXPECT_EQ( ctl( root, "agent" ).out.rfind( "agentEnabled no\n(no record", 0 ), 0u );
-    Platform::create<Cspf::AgentStatus>( t.tree, nullptr, Cspf::kAgentStatusPath )
-        ->agentEnabledIs( true );
-    EXPECT_EQ( ctl( root, "agent" ).out, "agentEnabled yes\n" );
+    auto agent =
+        Platform::create<Cspf::AgentStatus>( t.tree, nullptr, Cspf::kAgentStatusPath );
+    agent->runningIs( 4321, 12.5 );
+    agent->agentEnabledIs( true );
+    EXPECT_EQ( ctl( root, "agent" ).out,
+               "agentEnabled yes\nagent running, pid 4321, started at 12.500\n" );
+    agent = nullptr;  // gone without a stop
+    EXPECT_EQ( ctl( root, "agent" ).out,
+               "agentEnabled no\nagent died, pid 4321, started at 12.500\n" );
     expectRefused( "--root " + t / "none" + " te show", 1 );
     EXPECT_FALSE( std::filesystem::exists( t / "none" ) );
 }

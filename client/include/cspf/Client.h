@@ -61,6 +61,26 @@ struct PathResult {
     std::vector<std::string> hops;  // first hop first; empty: no path found
 };
 
+// The agent as a client can tell it (te/cspf/agentStatus and the lock the
+// agent holds on it for its whole life). Results stay in the tables across
+// every stop, crash and restart of the agent; this says whether they are
+// being kept up to date.
+struct AgentState {
+    enum class Run {
+        none,     // no agent has run on this tree
+        running,  // an agent runs now
+        stopped,  // the last agent stopped cleanly (SIGTERM, SIGINT)
+        died,     // the last agent ended without stopping (killed, crashed)
+    };
+    Run run = Run::none;
+    bool enabled = false;  // running, and running its path machinery
+    uint32_t pid = 0;      // the process of the agent's last run
+    double startedAt = 0;  // when that run started, on the agent's clock
+};
+
+// "none", "running", "stopped" or "died".
+const char* runName( AgentState::Run run );
+
 // A result that changed: what it is now, or nullopt when it was removed.
 struct ResultChange {
     Table table;
@@ -118,7 +138,9 @@ class Client {
     std::optional<PathResult> result( const Table& table, const std::string& destination,
                                       uint32_t id ) const;
     std::vector<PathResult> results( const Table& table ) const;
-    // Whether the agent runs its path machinery (te/cspf/agentStatus).
+    // The agent's last run: running, stopped or died, its pid and start.
+    AgentState agentState() const;
+    // Whether an agent runs now and runs its path machinery.
     bool agentEnabled() const;
 
     // Results of every registered table are watched once a callback is set;
