@@ -34,7 +34,7 @@ struct ServedAgent {
 
     ServedAgent() {
         std::signal( SIGPIPE, SIG_IGN );  // as cspfd does
-        agent.reset( Cspf::agentFactory( "Cspf" ) );
+        agent.reset( agentFactory( "Cspf" ) );
         framework.start( *agent );
         socket = tmp.tree.directoryPath( Cspf::kCommandRequestDir ) + "/command.sock";
         for ( int i = 0; i < 100 && access( socket.c_str(), F_OK ) != 0; ++i ) {

@@ -115,7 +115,7 @@ struct Samples {
     Cspf::CspfCliConfigValue cliConfig{ 50, 200, 1000 };
     Ip::IntfAddrs intfAddrs;
     Cspf::PathStatus pathStatus;
-    Cspf::TopoFile::LevelRecords topo;
+    Cspf::TopoFile::LevelRecords topo;  // of both levels
 
     Samples( const std::string& topologyFile ) {
         intfAddrs.active = { Net::IpGenAddr( "10.1.12.0" ), 31 };
@@ -127,8 +127,20 @@ struct Samples {
         pathStatus.lastUpdated = 1000.5;
         pathStatus.hops.append( Net::IpGenAddr( "10.1.12.1" ) );
         pathStatus.hops.append( Net::IpGenAddr( "10.1.26.1" ) );
-        topo = Cspf::TopoFile::levelRecords(
-            Cspf::TopoFile::loadTopologyFile( topologyFile ), 2 );
+        const auto topology = Cspf::TopoFile::loadTopologyFile( topologyFile );
+        for ( int level = 1; level <= 2; ++level ) {
+            auto records = Cspf::TopoFile::levelRecords( topology, level );
+            topo.routers.insert( topo.routers.end(), records.routers.begin(),
+                                 records.routers.end() );
+            topo.networks.insert( topo.networks.end(), records.networks.begin(),
+                                  records.networks.end() );
+            topo.neighbors.insert( topo.neighbors.end(), records.neighbors.begin(),
+                                   records.neighbors.end() );
+        }
+        if ( topo.routers.empty() || topo.networks.empty() || topo.neighbors.empty() ) {
+            throw std::runtime_error( topologyFile +
+                                      " lacks a router, LAN or adjacency" );
+        }
     }
 
     // Keys and values of type R, as the tables hold them.
