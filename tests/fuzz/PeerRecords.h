@@ -11,6 +11,7 @@
 #include <cstring>
 #include <optional>
 #include <tuple>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -75,32 +76,29 @@ void checkView( const uint8_t*, size_t, const V& ) {}
 
 // A view is read without a full decoding first; it must refuse with an Error
 // or read within the bytes, whatever they hold.
-inline void readView( const uint8_t* bytes, size_t len,
-                      Routing::Topology::RouterRecord ) {
-    using namespace Routing::Topology;
-    const RouterView view( bytes, len );
-    for ( uint32_t i = 0; i < view.neighborCount(); ++i ) {
+template <typename Fn>
+void readEach( uint32_t count, Fn item ) {
+    for ( uint32_t i = 0; i < count; ++i ) {
         try {
-            view.neighborKey( NeighborIndex( i ) );
-        } catch ( const Platform::Error& ) {
-        }
-    }
-}
-
-inline void readView( const uint8_t* bytes, size_t len,
-                      Routing::Topology::NetworkRecord ) {
-    using namespace Routing::Topology;
-    const NetworkView view( bytes, len );
-    for ( uint32_t i = 0; i < view.routerCount(); ++i ) {
-        try {
-            view.router( RouterIndex( i ) );
+            item( i );
         } catch ( const Platform::Error& ) {
         }
     }
 }
 
 template <typename R>
-void readView( const uint8_t*, size_t, R ) {}
+void readView( const uint8_t* bytes, size_t len ) {
+    using namespace Routing::Topology;
+    if constexpr ( std::is_same_v<R, RouterRecord> ) {
+        const RouterView view( bytes, len );
+        readEach( view.neighborCount(),
+                  [&]( uint32_t i ) { view.neighborKey( NeighborIndex( i ) ); } );
+    } else if constexpr ( std::is_same_v<R, NetworkRecord> ) {
+        const NetworkView view( bytes, len );
+        readEach( view.routerCount(),
+                  [&]( uint32_t i ) { view.router( RouterIndex( i ) ); } );
+    }
+}
 
 // Decodes a key and a value as the agent does: only Platform::Error may come
 // out. What decodes must encode back to the very same bytes, because equal
@@ -121,7 +119,7 @@ void decodeRecord( const uint8_t* key, const uint8_t* value, size_t len ) {
                type + ": a key decodes but encodes to other bytes" );
     }
     try {
-        readView( value, len, R() );
+        readView<R>( value, len );
     } catch ( const Platform::Error& ) {
     }
     std::optional<typename R::Value> v;
