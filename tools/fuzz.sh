@@ -60,7 +60,8 @@ for t in "${targets[@]}"; do
     "build-fuzz/corpus/$t" "tests/fuzz/corpus/$t" >"$log" 2>&1; then
     runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
     inputs=$(find "build-fuzz/corpus/$t" -type f | wc -l)
-    echo "fuzz: $t: ${runs:-?} executions in ${seconds} s, no crash; $inputs new inputs kept"
+    echo "fuzz: $t: ${runs:-?} executions in ${seconds} s, no crash" \
+      "($inputs inputs in build-fuzz/corpus/$t)"
   else
     failed=1
     echo "fuzz: $t: FAILED; the input is in build-fuzz/crashes/$t/, the log in $log:"
