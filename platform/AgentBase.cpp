@@ -102,9 +102,11 @@ void Framework::start( CAgent& agent ) {
             TRACE0( "agent " << agent->name() << ": mount " << status.failedPath
                              << " failed: " << status.reason );
         }
-        for ( const auto& [path, reason] : status.skipped ) {
-            TRACE0( "agent " << agent->name() << ": mount " << path
-                             << " skipped: " << reason );
+        // Not a structured binding: clang 14 cannot capture one in the
+        // trace's lambda.
+        for ( const auto& skipped : status.skipped ) {
+            TRACE0( "agent " << agent->name() << ": mount " << skipped.first
+                             << " skipped: " << skipped.second );
         }
         agent->doMountsComplete( status, framework->manager_ );
     } );

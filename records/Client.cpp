@@ -1,5 +1,6 @@
 #include "records/Client.h"
 
+#include <algorithm>
 #include <cstring>
 #include <tuple>
 
@@ -44,7 +45,10 @@ ClientEntry ClientEntryRecord::decodeKey( const uint8_t* in ) {
             if ( af != Net::AddressFamily::ipv4 && af != Net::AddressFamily::ipv6 ) {
                 throw bad( "unknown address family " + std::to_string( in[1] ) );
             }
-            if ( vrf.length != 0 ) {
+            // Every byte of the name, not just its length: one entry has one
+            // encoding, or a peer could list it twice under other bytes.
+            if ( std::any_of( in + 4, in + keySize,
+                              []( uint8_t b ) { return b != 0; } ) ) {
                 throw bad( "a family entry with a VRF name" );
             }
             return ClientEntry::ofAddressFamily( af );

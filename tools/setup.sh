@@ -13,6 +13,8 @@ packages=(
   libbenchmark-dev
   libboost-graph-dev
   clang-format
+  clang
+  libclang-rt-14-dev
   nlohmann-json3-dev
   pkg-config
 )

@@ -365,9 +365,10 @@ void AllTopoDbView::doRouterCall( const Net::IpGenAddr& teRouterId, RouterLinks&
                              : nullptr;
             LinkAddrs link;
             if ( !doLinkAddrs( *topoDb, k, &link ) ) {
+                const auto topoId = level;  // clang 14 cannot capture a binding
                 TRACE_FOR( 7, kRouterCallName,
                            "Neighbor object missing, skipping NeighborKey "
-                               << k << " in topoId " << level );
+                               << k << " in topoId " << topoId );
                 continue;
             }
             const size_t linkRead = reads_.size() - 1;

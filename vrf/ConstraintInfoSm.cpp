@@ -140,7 +140,9 @@ void ConstraintInfoSm::handleThrottleTimeout() {
 void ConstraintInfoSm::doRunCspf() {
     const Platform::Ptr<CspfData> cspfData = cspfDataFactory(
         allTopoDbView_, allTopoDbView_->allTopoDbStatus()->ourTeRouterId() );
-    for ( const auto& [key, used] : constraintInfo_->pathColl() ) {
+    for ( const auto& path : constraintInfo_->pathColl() ) {
+        // Not a structured binding: clang 14 cannot capture one in a trace.
+        const auto& key = path.first;
         TRACE5( "adding " << key.pathKey().destination
                           << " to CspfData::tep collection" );
         cspfData->tepIs( key.pathKey().destination, true );
@@ -175,7 +177,8 @@ void ConstraintInfoSm::updatePathStatusCache( const CspfData& cspfData ) {
     HopSelection selection( cspfData );
     std::vector<Path> paths;
     paths.reserve( constraintInfo_->paths() );
-    for ( const auto& [key, used] : constraintInfo_->pathColl() ) {
+    for ( const auto& entry : constraintInfo_->pathColl() ) {
+        const auto& key = entry.first;
         Platform::Ptr<PathStatusCache> cache =
             pathStatusCacheTable_->pathStatusCache( key );
         if ( !cache ) {

@@ -1,7 +1,11 @@
 // Shared-memory tables within one process: records, notification of final
-// changes, in-place reads and hostile files.
+// changes, in-place reads and hostile files. Damaged files in bulk are the
+// table_file fuzz target's (tests/fuzz/TableFileFuzz.cpp).
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+
+#include <algorithm>
+#include <memory>
 
 #include "platform/Error.h"
 #include "tests/support/ShmTableKit.h"
@@ -112,6 +116,33 @@ TEST_F( ShmTableTest, HostileFilesGiveClearErrors ) {
     // A writer starts again over a file it cannot trust.
     ShmTableWriter w( path_, layout() );
     EXPECT_EQ( w.size(), 0u );
+}
+
+// One value outside the heap, as a damaged writer may leave it: that record
+// reads as corrupt, and the rest of the table stays readable and notified.
+TEST_F( ShmTableTest, OneBadRecordDoesNotHideTheRest ) {
+    ShmTableWriter w( path_, layout() );
+    for ( uint32_t id = 1; id <= 3; ++id ) {
+        put( w, id, "value" );
+    }
+    w.flush();
+    const std::vector<uint8_t> bytes = readFile( path_ );
+    const uint64_t slot = liveSlots( bytes ).at( 2 ).offset;
+    const uint64_t outside = bytes.size() + 4096;
+    ASSERT_TRUE( patchFile( path_, slot + 16, &outside, 8 ) );
+
+    std::unique_ptr<ShmTableReader> r;
+    ASSERT_NO_THROW( r = std::make_unique<ShmTableReader>( path_, layout() ) );
+    EXPECT_THROW( value( *r, 2 ), CorruptionError );
+    EXPECT_NE( value( *r, 1 ), "<absent>" );
+    // More changes than the ring holds: the reader resynchronises.
+    for ( int n = 0; n < 2000; ++n ) {
+        put( w, 3, std::to_string( n ) );
+    }
+    w.flush();
+    std::vector<uint32_t> reported;
+    EXPECT_NO_THROW( reported = syncedKeys( *r ) );
+    EXPECT_EQ( std::count( reported.begin(), reported.end(), 3u ), 1 );
 }
 
 }  // namespace

@@ -4,9 +4,7 @@
 
 #include <cmath>
 #include <cstring>
-#include <functional>
 #include <limits>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -59,14 +57,6 @@ Neighbor sampleNeighbor() {
         n.unreservedBwIs( BwPriority( p ), 1e8f * float( p ) );
     }
     return n;
-}
-
-Network sampleNetwork() {
-    Network lan( NetworkId( rid( 3 ), 1 ) );
-    for ( uint32_t i = 0; i < 3; ++i ) {
-        lan.routerIs( RouterIndex( i ), rid( uint16_t( 10 + i ) ) );
-    }
-    return lan;
 }
 
 template <typename T>
@@ -231,58 +221,4 @@ TEST( Neighbor, InterfaceAddressMatchScansOnlyWhatIsThere ) {
     EXPECT_EQ(
         TestKit::errorOf( [&] { n.interfaceAddrIs( AddrIndex( 10 ), IpGenAddr() ); } ),
         kAddrIndexText );
-}
-
-// Random bytes and mutated good records: a decoder either refuses with a
-// Platform::Error or accepts exactly what re-encodes to the same bytes.
-TEST( TopoRecords, DecodersOfRandomBytesOnlyRaisePlatformErrors ) {
-    std::mt19937 rng( 20240611 );
-    struct Codec {
-        std::vector<uint8_t> good;
-        std::function<std::vector<uint8_t>( const std::vector<uint8_t>& )> roundTrip;
-        int accepted = 0;
-    };
-    auto router = []( const std::vector<uint8_t>& b ) {
-        return encoded( decodeRouter( b.data(), b.size() ), encodeRouter );
-    };
-    std::vector<Codec> codecs = {
-        { encoded( routerWithKeys( 3 ), encodeRouter ), router },
-        { encoded( routerWithKeys( 0 ), encodeRouter ), router },
-        { encoded( sampleNetwork(), encodeNetwork ),
-          []( const std::vector<uint8_t>& b ) {
-              return encoded( decodeNetwork( b.data(), b.size() ), encodeNetwork );
-          } },
-        { encoded( sampleNeighbor(), encodeNeighbor ),
-          []( const std::vector<uint8_t>& b ) {
-              return encoded( decodeNeighbor( b.data(), b.size() ), encodeNeighbor );
-          } },
-    };
-    for ( int round = 0; round < 8000; ++round ) {
-        Codec& codec = codecs[round % codecs.size()];
-        std::vector<uint8_t> buf;
-        if ( round % 5 == 0 ) {
-            buf.resize( rng() % 600 );
-            for ( auto& b : buf ) {
-                b = uint8_t( rng() );
-            }
-        } else {
-            buf = codec.good;
-            for ( int flips = 1 + rng() % 3; flips > 0 && !buf.empty(); --flips ) {
-                buf[rng() % buf.size()] ^= uint8_t( 1u << ( rng() % 8 ) );
-            }
-            if ( rng() % 8 == 0 ) {
-                buf.resize( rng() % ( buf.size() + 40 ) );
-            }
-        }
-        try {
-            ASSERT_EQ( codec.roundTrip( buf ), buf );
-            ++codec.accepted;
-        } catch ( const Platform::Error& ) {
-        } catch ( ... ) {
-            FAIL() << "a decoder raised something other than a Platform::Error";
-        }
-    }
-    for ( const Codec& codec : codecs ) {
-        EXPECT_GT( codec.accepted, 20 );
-    }
 }
