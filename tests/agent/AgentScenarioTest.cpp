@@ -47,11 +47,11 @@ const Net::AddressFamily v4 = Net::AddressFamily::ipv4;
 const Net::AddressFamily v6 = Net::AddressFamily::ipv6;
 const L3::VrfName kDefault;
 
-// A client agent as the agent sees it: its registration and, per VRF, its
-// IPv4 request table.
+// A client agent as the agent sees it: its registration and its request
+// tables by VRF and family.
 struct TestClient {
     Ptr<ClientWriter> registration;
-    std::map<std::string, Ptr<ConfigWriter>> requests;
+    std::map<std::pair<std::string, Net::AddressFamily>, Ptr<ConfigWriter>> requests;
 };
 
 class AgentScenarioTest : public ::testing::Test {
@@ -101,11 +101,12 @@ class AgentScenarioTest : public ::testing::Test {
         tree_.removeTable( clientPath( name ) );
     }
     void request( const std::string& name, const L3::VrfName& vrf, const char* dst,
-                  uint32_t id, const char* exclude = "" ) {
-        auto& writer = clients_[name].requests[vrf.name()];
+                  uint32_t id, const char* exclude = "",
+                  Net::AddressFamily af = Net::AddressFamily::ipv4 ) {
+        auto& writer = clients_[name].requests[{ vrf.name(), af }];
         if ( !writer ) {
             writer = create<ConfigWriter>( tree_, nullptr,
-                                           pathConfigTablePath( vrf, v4, name ) );
+                                           pathConfigTablePath( vrf, af, name ) );
         }
         writer->pathConfigIs( PathConfig( PathKey( IpGenAddr( dst ), id ), 1, true,
                                           PathConstraint( Net::IntfId( exclude ) ) ) );
@@ -128,6 +129,17 @@ class AgentScenarioTest : public ::testing::Test {
     }
     Ptr<CspfRoot> root( Net::AddressFamily af ) {
         return af == v4 ? agent_->v4CspfRoot() : agent_->v6CspfRoot();
+    }
+    // The CSPF runs of every constraint of a VRF in a family.
+    uint32_t runs( Net::AddressFamily af, const L3::VrfName& vrf ) {
+        uint32_t n = 0;
+        for ( const auto& [handle, stats] : root( af )
+                                                ->vrfRoot( vrf )
+                                                ->constraintStatsTable()
+                                                ->constraintStatsColl() ) {
+            n += stats->cspfCount();
+        }
+        return n;
     }
     std::string command( const std::string& handler, const std::string& text ) {
         const int fd = memfd_create( "answer", 0 );
@@ -186,7 +198,7 @@ TEST_F( AgentScenarioTest, EnablesWithTheFirstClientAndServesItsRequests ) {
     EXPECT_EQ( got[0].refreshRespSeq, 1u );
 
     // A request removed takes its result with it.
-    clients_["te1"].requests[kDefault.name()]->pathConfigDel(
+    clients_["te1"].requests[{ kDefault.name(), v4 }]->pathConfigDel(
         PathKey( IpGenAddr( "10.0.0.3" ), 2 ) );
     settle();
     ASSERT_EQ( results( "te1", kDefault ).size(), 1u );
@@ -283,6 +295,38 @@ TEST_F( AgentScenarioTest, BadClientsAreSkippedAndTheOthersServed ) {
     EXPECT_FALSE(
         agent_->clientDirSm()->clientSm( "bad" )->clientVrfSm( kDefault )->pathSm( v4 ) );
     EXPECT_EQ( results( "te1", kDefault ).size(), 1u );
+}
+
+// Losing its last address, in either family, changes what an excluded
+// interface excludes: the constraints that exclude it compute again.
+TEST_F( AgentScenarioTest, AnExcludedInterfaceLosingItsLastAddressRecomputes ) {
+    const Net::IntfId eth1( "Ethernet1" );
+    Ip::IntfAddrs addrs;
+    addrs.active = { IpGenAddr( "10.1.12.0" ), 31 };
+    addrs.ip6 = { { IpGenAddr( "2001:db8:12::" ), 127 } };
+    ipWriter_->intfAddrsIs( eth1, addrs );
+    start();
+    registerClient( "te1", kDefault, { v4, v6 } );
+    request( "te1", kDefault, "10.0.0.3", 1, "Ethernet1" );
+    request( "te1", kDefault, "2001:db8::3", 1, "Ethernet1", v6 );
+    settle( 1000 );
+    EXPECT_EQ( hopsOf( results( "te1", kDefault ).at( 0 ) ), "10.1.13.1" );
+    const uint32_t v4Runs = runs( v4, kDefault ), v6Runs = runs( v6, kDefault );
+    ASSERT_GT( v6Runs, 0u );
+
+    addrs.ip6.clear();
+    ipWriter_->intfAddrsIs( eth1, addrs );
+    settle( 1000 );
+    EXPECT_EQ( runs( v6, kDefault ), v6Runs + 1 );
+    EXPECT_EQ( runs( v4, kDefault ), v4Runs );
+
+    addrs.active = { IpGenAddr::v4( 0 ), 0 };
+    ipWriter_->intfAddrsIs( eth1, addrs );
+    settle( 1000 );
+    EXPECT_EQ( runs( v4, kDefault ), v4Runs + 1 );
+    // Nothing left to exclude: the shorter way through Ethernet1.
+    EXPECT_EQ( hopsOf( results( "te1", kDefault ).at( 0 ) ), "10.1.12.1 10.1.23.1" );
+    EXPECT_EQ( runs( v6, kDefault ), v6Runs + 1 );
 }
 
 TEST_F( AgentScenarioTest, DiagnosticCommandsAnswerAsDocumented ) {
