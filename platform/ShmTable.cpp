@@ -168,8 +168,8 @@ inline void cpuRelax() {
     __builtin_ia32_pause();
 }
 
-std::string sysError( const std::string& what, const std::string& path ) {
-    return what + " " + path + ": " + std::strerror( errno );
+SystemError sysError( const std::string& what, const std::string& path ) {
+    return SystemError( what + " " + path, errno );
 }
 
 Header* headerOf( const ShmTableFile& f ) {
@@ -409,7 +409,7 @@ void ShmTableFile::open( const std::string& path, const TableLayout& layout,
     int fd =
         ::open( path.c_str(), ( writable ? O_RDWR : O_RDONLY ) | O_CLOEXEC | O_NOFOLLOW );
     if ( fd < 0 ) {
-        throw Error( sysError( "cannot open table", path ) );
+        throw sysError( "cannot open table", path );
     }
     adopt( fd, path, layout, writable );
 }
@@ -424,7 +424,7 @@ void ShmTableFile::adopt( int fd, const std::string& path, const TableLayout& la
         int e = errno;
         close();
         errno = e;
-        throw Error( sysError( "cannot stat table", path ) );
+        throw sysError( "cannot stat table", path );
     }
     if ( !S_ISREG( st.st_mode ) ) {
         close();
@@ -443,7 +443,7 @@ void ShmTableFile::adopt( int fd, const std::string& path, const TableLayout& la
         int e = errno;
         close();
         errno = e;
-        throw Error( sysError( "cannot map table", path ) );
+        throw sysError( "cannot map table", path );
     }
     base_ = static_cast<uint8_t*>( p );
     try {
@@ -561,7 +561,7 @@ void ShmTableWriter::doAttach() {
         int fd = ::open( path_.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW );
         if ( fd < 0 ) {
             if ( errno != ENOENT ) {
-                throw Error( sysError( "cannot open table", path_ ) );
+                throw sysError( "cannot open table", path_ );
             }
             doRebuild( 0, 0 );  // creates the file; falls back to attach on a race
             if ( file_.isOpen() ) {
@@ -591,7 +591,8 @@ void ShmTableWriter::doAttach() {
         doRebuild( 0, 0 );
         return;
     }
-    throw Error( "table " + path_ + " keeps changing under its writer" );
+    // Replaced by other writers every time we looked: it may settle.
+    throw SystemError( "table " + path_ + " keeps changing under its writer", EAGAIN );
 }
 
 bool ShmTableWriter::doValueAt( uint32_t slot, const uint8_t** value,
@@ -667,14 +668,14 @@ void ShmTableWriter::doRebuild( uint32_t minRecords, size_t minHeap ) {
     int fd = ::open( tmp.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW,
                      mode_.fileMode );
     if ( fd < 0 ) {
-        throw Error( sysError( "cannot create table", tmp ) );
+        throw sysError( "cannot create table", tmp );
     }
     auto fail = [&]( const std::string& what ) {
         int e = errno;
         ::close( fd );
         ::unlink( tmp.c_str() );
         errno = e;
-        throw Error( sysError( what, path_ ) );
+        throw sysError( what, path_ );
     };
     if ( fchmod( fd, mode_.fileMode ) != 0 ||
          ( mode_.group >= 0 && fchown( fd, static_cast<uid_t>( -1 ),
@@ -764,7 +765,7 @@ void ShmTableWriter::doRebuild( uint32_t minRecords, size_t minHeap ) {
                 return;  // the caller attaches to the other one
             }
             errno = e;
-            throw Error( sysError( "cannot create table", path_ ) );
+            throw sysError( "cannot create table", path_ );
         }
         ::unlink( tmp.c_str() );
     } else {
