@@ -6,6 +6,7 @@
 //             r1 ------ 30 ------ r3
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -21,6 +22,7 @@
 #include "platform/StateTree.h"
 #include "records/AgentStatus.h"
 #include "records/Client.h"
+#include "records/ClientStatus.h"
 #include "records/CspfCliConfig.h"
 #include "records/IpStatus.h"
 #include "records/PathTables.h"
@@ -129,6 +131,14 @@ class AgentScenarioTest : public ::testing::Test {
     }
     Ptr<CspfRoot> root( Net::AddressFamily af ) {
         return af == v4 ? agent_->v4CspfRoot() : agent_->v6CspfRoot();
+    }
+    // What te/cspf/clientStatus says of a client; "" when it is served.
+    std::string whyNotServed( const std::string& name ) {
+        if ( !tree_.exists( kClientStatusPath ) ) {
+            return "<no table>";
+        }
+        return create<ClientStatusReader>( tree_, nullptr, kClientStatusPath )
+            ->get( name );
     }
     // The CSPF runs of every constraint of a VRF in a family.
     uint32_t runs( Net::AddressFamily af, const L3::VrfName& vrf ) {
@@ -277,11 +287,18 @@ TEST_F( AgentScenarioTest, StartUpRemovesResultTablesNoClientListsAnyMore ) {
 
 TEST_F( AgentScenarioTest, BadClientsAreSkippedAndTheOthersServed ) {
     start();
-    // A name that cannot be a path component of ours, and a request table
-    // that is not one.
+    // Entries that are no clients: a name that cannot be a path component
+    // of ours, and a table of another type. They do not enable the agent.
     tree_.makeDirectory( kClientDirPath );
     std::ofstream( tree_.directoryPath( kClientDirPath ) + "/" + std::string( 120, 'x' ) )
         << "CSPFTBL1";
+    create<ConfigWriter>( tree_, nullptr, clientPath( "junk" ) );
+    settle();
+    EXPECT_FALSE( agentEnabled() );
+    EXPECT_EQ( whyNotServed( "junk" ).rfind( "not a client: ", 0 ), 0u );
+
+    // A client whose request table is not one is served elsewhere, and
+    // counts.
     {
         tree_.makeParents( pathConfigTablePath( kDefault, v4, "bad" ) );
         std::ofstream( tree_.filePath( pathConfigTablePath( kDefault, v4, "bad" ) ) )
@@ -294,7 +311,105 @@ TEST_F( AgentScenarioTest, BadClientsAreSkippedAndTheOthersServed ) {
     EXPECT_TRUE( agentEnabled() );
     EXPECT_FALSE(
         agent_->clientDirSm()->clientSm( "bad" )->clientVrfSm( kDefault )->pathSm( v4 ) );
+    EXPECT_EQ( whyNotServed( "bad" ).rfind( "vrf default ipv4: cannot attach: ", 0 ),
+               0u );
+    EXPECT_EQ( whyNotServed( "te1" ), "" );
     EXPECT_EQ( results( "te1", kDefault ).size(), 1u );
+
+    // The clients leave; the junk does not keep the agent enabled.
+    unregisterClient( "te1" );
+    unregisterClient( "bad" );
+    settle();
+    EXPECT_FALSE( agentEnabled() );
+    EXPECT_EQ( whyNotServed( "bad" ), "" );
+}
+
+// Out of descriptors, a client's registration, its tables or its VRF cannot
+// be attached or brought up: retried with the back-off, the client is served
+// once descriptors are free again. And one client has at most 64 VRFs
+// served; the others wait for room.
+TEST_F( AgentScenarioTest, ClientsRefusedForALocalReasonAreRetried ) {
+    const L3::VrfName red( "red" );
+    TopoFile::loadIntoTree( kTopology, tree_, red );
+    start();
+    registerClient( "te1", kDefault );
+    request( "te1", kDefault, "10.0.0.3", 1 );
+    settle( 50 );
+    // The agent hears what was written with `left` descriptors to spare.
+    const auto settleStarved = [&]( int left ) {
+        rlimit saved;
+        ASSERT_EQ( getrlimit( RLIMIT_NOFILE, &saved ), 0 );
+        const int spare = dup( 0 );
+        close( spare );
+        rlimit tight = saved;
+        tight.rlim_cur = static_cast<rlim_t>( spare + left );
+        ASSERT_EQ( setrlimit( RLIMIT_NOFILE, &tight ), 0 );
+        settle();
+        ASSERT_EQ( setrlimit( RLIMIT_NOFILE, &saved ), 0 );
+    };
+    // te2's registration takes the one left, its tables find none; te3's
+    // VRF cannot be brought up; te4's registration cannot be attached.
+    const std::map<std::string, L3::VrfName> vrfOf{
+        { "te2", kDefault }, { "te3", red }, { "te4", kDefault } };
+    for ( const auto& [name, vrf] : vrfOf ) {
+        registerClient( name, vrf );
+        request( name, vrf, "10.0.0.3", 1 );
+        settleStarved( name == "te4" ? 0 : 1 );
+    }
+    const auto& dir = *agent_->clientDirSm();
+    EXPECT_TRUE( dir.clientSm( "te2" ) && dir.clientSm( "te3" ) &&
+                 !dir.clientSm( "te4" ) );
+    EXPECT_EQ( root( v4 )->vrfRoots(), 1u );
+    for ( const auto& [name, part] : std::map<std::string, std::string>{
+              { "te2", "vrf default ipv4: cannot attach: " },
+              { "te3", "vrf red ipv4: cannot attach: " },
+              { "te4", "cannot attach: " } } ) {
+        const std::string why = whyNotServed( name );
+        EXPECT_EQ( why.rfind( part, 0 ), 0u ) << why;
+        EXPECT_NE( why.find( "Too many open files (retrying)\n" ), std::string::npos )
+            << why;
+        EXPECT_TRUE( results( name, vrfOf.at( name ) ).empty() ) << name;
+    }
+    EXPECT_TRUE( agentEnabled() );
+    EXPECT_EQ( results( "te1", kDefault ).size(), 1u );
+
+    settle( 1000 );  // the back-off's first wait
+    settle( 50 );
+    for ( const auto& [name, vrf] : vrfOf ) {
+        EXPECT_EQ( results( name, vrf ).size(), 1u ) << name;
+        EXPECT_EQ( whyNotServed( name ), "" ) << name;
+    }
+    EXPECT_FALSE( dir.clientRefusals()->retryScheduled() );
+
+    for ( int i = 0; i < 65; ++i ) {
+        registerClient( "te1", L3::VrfName( "v" + std::to_string( 100 + i ) ) );
+    }
+    settle();
+    const auto te1 = agent_->clientDirSm()->clientSm( "te1" );
+    EXPECT_EQ( te1->clientVrfSms(), ClientSm::kMaxClientVrfs );
+    const std::regex refused(
+        "vrf (v1[0-9][0-9]): beyond the 64 VRFs a client may have "
+        "served\n" );
+    std::smatch first;
+    std::string why = whyNotServed( "te1" );
+    ASSERT_TRUE( std::regex_search( why, first, refused ) ) << why;
+    EXPECT_EQ( std::regex_replace( why, refused, "" ), "" ) << why;
+    EXPECT_EQ( why.size(), 2 * first.length() ) << why;
+    EXPECT_EQ( results( "te2", kDefault ).size(), 1u );
+    // A served one goes: the first refused one, in name order, is taken in.
+    const L3::VrfName admitted( first[1].str() );
+    L3::VrfName served( "v100" );
+    while ( !te1->clientVrfSm( served ) ) {
+        served = L3::VrfName(
+            "v" + std::to_string( std::stoi( served.name().substr( 1 ) ) + 1 ) );
+    }
+    clients_["te1"].registration->vrfDel( served );
+    settle();
+    EXPECT_TRUE( te1->clientVrfSm( admitted ) );
+    EXPECT_EQ( te1->clientVrfSms(), ClientSm::kMaxClientVrfs );
+    why = whyNotServed( "te1" );
+    EXPECT_TRUE( std::regex_match( why, refused ) ) << why;
+    EXPECT_EQ( why.find( admitted.name() + ":" ), std::string::npos ) << why;
 }
 
 // Losing its last address, in either family, changes what an excluded
