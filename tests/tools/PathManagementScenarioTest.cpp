@@ -294,9 +294,18 @@ TEST_F( PathManagementScenarioTest, AFailedRunIsRetriedWithTheBackOffUntilOneSuc
     // r2 is now best reached round r3 and r4, but our router reads as corrupt.
     metricIs( kR1R2, 50 );
     ourNeighborCountIs( 3, 501 );
-    msToNextRun( key );
-    const long first = msToNextRun( key );
-    EXPECT_EQ( msToNextRun( key ), std::min( 2 * first, 1000L ) );
+    // Failed runs, each after twice the wait of the one before.
+    std::vector<double> ranAt;
+    for ( int i = 0; i < 4; ++i ) {
+        msToNextRun( key );
+        ranAt.push_back( statsOf( key )->cspfLastRanAt() );
+    }
+    const long first = std::lround( ( ranAt[1] - ranAt[0] ) * 1000 );
+    for ( size_t i = 2; i < ranAt.size(); ++i ) {
+        EXPECT_EQ( std::lround( ( ranAt[i] - ranAt[i - 1] ) * 1000 ),
+                   std::min( first << ( i - 1 ), 1000L ) )
+            << "retry " << i;
+    }
     EXPECT_EQ( resultHops( key ), hops( { "10.1.12.1" } ) );
     EXPECT_EQ( result( key ).changeCount, 1u );
 
