@@ -2,14 +2,17 @@
 // through libcspfclient (some in processes of their own), and cspfctl as the
 // IS-IS side and the operator, all over one fresh tree per test.
 #include <cspf/Client.h>
+#include <dirent.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -256,4 +259,50 @@ TEST_F( EndToEndTest, ManyClientsAtOnceEachGetTheirOwnResults ) {
         EXPECT_EQ( TestKit::reapChild( child, 60 ), 0 );
     }
     EXPECT_TRUE( agent_->running() );
+}
+
+// The agent out of file descriptors cannot attach a new client; it says why
+// and retries, and serves the client once descriptors are free again.
+TEST_F( EndToEndTest, AClientRefusedForWantOfDescriptorsIsServedWhenTheyComeBack ) {
+    auto client = te1();
+    ASSERT_TRUE( eventually( [&] { return servedAsBuilt( *client ); } ) );
+    const auto show = [&] {
+        return TestKit::runShell( std::string( CSPFCTL_PATH ) + " --root " + dir_.path() +
+                                  " client show te2" )
+            .out;
+    };
+
+    // No descriptor left to cspfd: the lowest free one is beyond its limit.
+    std::set<int> open;
+    const std::string fds = "/proc/" + std::to_string( agent_->pid() ) + "/fd";
+    DIR* d = opendir( fds.c_str() );
+    ASSERT_TRUE( d );
+    while ( const dirent* e = readdir( d ) ) {
+        open.insert( std::atoi( e->d_name ) );
+    }
+    closedir( d );
+    int lowest = 0;
+    while ( open.count( lowest ) ) {
+        ++lowest;
+    }
+    rlimit saved;
+    rlimit tight{ static_cast<rlim_t>( lowest ), 0 };
+    ASSERT_EQ( prlimit( agent_->pid(), RLIMIT_NOFILE, nullptr, &saved ), 0 );
+    tight.rlim_max = saved.rlim_max;
+    ASSERT_EQ( prlimit( agent_->pid(), RLIMIT_NOFILE, &tight, nullptr ), 0 );
+
+    cspf::Client te2( "te2", dir_.path() );
+    te2.requestIs( kTable, request( "10.0.0.6", 1 ) );
+    EXPECT_TRUE( eventually( [&] {
+        return show().find( "not served: cannot attach: " ) != std::string::npos;
+    } ) )
+        << show();
+    EXPECT_NE( show().find( "Too many open files (retrying)\n" ), std::string::npos )
+        << show();
+
+    ASSERT_EQ( prlimit( agent_->pid(), RLIMIT_NOFILE, &saved, nullptr ), 0 );
+    EXPECT_TRUE( eventually( [&] { return hops( te2, "10.0.0.6", 1 ) == kToR6; } ) )
+        << show();
+    EXPECT_EQ( show().find( "not served" ), std::string::npos ) << show();
+    EXPECT_TRUE( servedAsBuilt( *client ) );
 }

@@ -74,6 +74,7 @@ class CspfdProcess {
         kill9();
         return -1000;
     }
+    pid_t pid() const { return pid_; }
     // Reaps it when it has ended, so that no later signal finds another
     // process under its pid.
     bool running() {
