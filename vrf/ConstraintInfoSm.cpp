@@ -134,8 +134,11 @@ void ConstraintInfoSm::handleThrottleTimeout() {
         // The paths still wait for their results, and nothing else will
         // ask again for them: the run stays scheduled, backing off as under
         // churn, until one succeeds.
-        constraintStats_->cspfCurrentDelayIs(
-            std::min( 2 * constraintStats_->cspfCurrentDelay(), maxInt_ ) );
+        // At least the hold wait and a millisecond: waits of 0 must not
+        // make a record that stays bad a busy loop.
+        constraintStats_->cspfCurrentDelayIs( std::min(
+            std::max( { 2 * constraintStats_->cspfCurrentDelay(), holdInt_, 1.0 } ),
+            maxInt_ ) );
         constraintStats_->cspfScheduledIs( true );
     }
     const double delay = constraintStats_->cspfCurrentDelay();
