@@ -22,6 +22,7 @@
 #include "records/PathTables.h"
 #include "tests/support/Child.h"
 #include "tests/support/CspfdProcess.h"
+#include "tests/support/Sanitizers.h"
 #include "tests/support/TempDir.h"
 
 using TestKit::eventually;
@@ -264,6 +265,9 @@ TEST_F( EndToEndTest, ManyClientsAtOnceEachGetTheirOwnResults ) {
 // The agent out of file descriptors cannot attach a new client; it says why
 // and retries, and serves the client once descriptors are free again.
 TEST_F( EndToEndTest, AClientRefusedForWantOfDescriptorsIsServedWhenTheyComeBack ) {
+    if ( TestKit::kSanitized ) {
+        GTEST_SKIP() << "the sanitizers' runtime needs descriptors of its own";
+    }
     auto client = te1();
     ASSERT_TRUE( eventually( [&] { return servedAsBuilt( *client ); } ) );
     const auto show = [&] {
