@@ -21,6 +21,20 @@ std::string lastComponent( const std::string& path ) {
     return path.substr( path.rfind( '/' ) + 1 );
 }
 
+// The reasons of clients not served, started afresh: those of an earlier
+// agent are not ours to keep. Without it the agent serves all the same.
+Ptr<ClientStatusWriter> doMountClientStatus( Platform::EntityManager& entityMgr ) {
+    try {
+        const auto status = entityMgr.mount<ClientStatusWriter>(
+            kClientStatusPath, Platform::MountMode::write );
+        status->delAll();
+        return status;
+    } catch ( const Platform::Error& e ) {
+        TRACE0( "cannot publish why clients are not served: " << e.what() );
+        return nullptr;
+    }
+}
+
 }  // namespace
 
 ClientDirSm::ClientDirSm( Platform::EntityManager& entityMgr,
@@ -28,14 +42,18 @@ ClientDirSm::ClientDirSm( Platform::EntityManager& entityMgr,
                           Ptr<TrafficEngineering::Config> teConfig,
                           Ptr<AgentStatus> agentStatus,
                           Ptr<AllClientInfo> v4AllClientInfo,
-                          Ptr<AllClientInfo> v6AllClientInfo )
+                          Ptr<AllClientInfo> v6AllClientInfo,
+                          Platform::TaskScheduler& taskScheduler )
     : entityMgr_( entityMgr ),
       clientDir_( std::move( clientDir ) ),
       teConfig_( std::move( teConfig ) ),
       agentStatus_( std::move( agentStatus ) ),
       v4AllClientInfo_( std::move( v4AllClientInfo ) ),
-      v6AllClientInfo_( std::move( v6AllClientInfo ) ) {
+      v6AllClientInfo_( std::move( v6AllClientInfo ) ),
+      clientRefusals_( Platform::create<ClientRefusals>(
+          taskScheduler, doMountClientStatus( entityMgr ) ) ) {
     CSPF_ASSERT( clientDir_ && agentStatus_ );
+    clientRefusals_->retryHandlerIs( [this] { handleRetry(); } );
     watch( clientDir_.get(), Platform::DirectoryWatch::entryTag,
            &ClientDirSm::handleClientDirEntry );
     if ( teConfig_ ) {
@@ -62,11 +80,16 @@ bool ClientDirSm::doShouldEnable() const {
 void ClientDirSm::handleEnabled() {
     if ( doShouldEnable() ) {
         TRACE4( "enabling agent" );
-        agentStatus_->agentEnabledIs( true );
         for ( const std::string& name : clientDir_->entryColl().keys() ) {
             handleClientDir( name );
         }
-        return;
+        // Only clients count: entries that are not, or could not be
+        // attached, leave the agent disabled.
+        if ( !clientSm_.empty() ) {
+            agentStatus_->agentEnabledIs( true );
+            return;
+        }
+        TRACE0( "no entry of " << kClientDirPath << " is a client that can be served" );
     }
     TRACE4( "stopping agent" );
     doPrepareToDie();
@@ -78,6 +101,9 @@ void ClientDirSm::handleClientDirEntry( const std::string& name ) {
     if ( !agentEnabled() ) {
         if ( clientDir_->entryHas( name ) ) {
             handleEnabled();
+        } else {
+            retryClient_.erase( name );
+            clientRefusals_->clientDel( name );
         }
         return;
     }
@@ -95,9 +121,26 @@ void ClientDirSm::handleClientDir( const std::string& name ) {
     }
     TRACE4( "Deleting ClientSm for client " << name );
     clientSmDel( name );
-    if ( clientDir_->entries() == 0 ) {
+    retryClient_.erase( name );
+    clientRefusals_->clientDel( name );
+    if ( clientSm_.empty() ) {
         TRACE4( "No client present, disabling the agent" );
         handleEnabled();
+    }
+}
+
+void ClientDirSm::handleRetry() {
+    if ( !agentEnabled() ) {
+        handleEnabled();
+        return;
+    }
+    const std::set<std::string> names = std::move( retryClient_ );
+    retryClient_.clear();
+    for ( const std::string& name : names ) {
+        handleClientDir( name );
+    }
+    for ( const auto& [name, sm] : std::map( clientSm_ ) ) {
+        sm->doRetryAttach();
     }
 }
 
@@ -109,16 +152,28 @@ void ClientDirSm::clientSmIs( const std::string& name ) {
         client = entityMgr_.mount<Client>( path, Platform::MountMode::read );
     } catch ( const Platform::Error& e ) {
         // A name that cannot be a path component, or a registration that is
-        // not one: that client is not served, every other one is.
-        TRACE0( "refusing client " << name << ": " << e.what() );
+        // not one: that client is not served, every other one is. Short of
+        // descriptors or memory, it is tried again.
+        const bool retry = ClientRefusals::retryable( e );
+        TRACE0( "refusing client " << name << ": " << e.what()
+                                   << ( retry ? ", retrying" : "" ) );
+        if ( retry ) {
+            retryClient_.insert( name );
+        }
+        clientRefusals_->refusedIs(
+            name, "",
+            ( retry ? "cannot attach: " : "not a client: " ) + std::string( e.what() ),
+            retry );
         return;
     }
     CSPF_ASSERT( client );
+    retryClient_.erase( name );
+    clientRefusals_->servedIs( name, "" );
     client->corruptionHandlerIs( [name]( const Platform::Error& e ) {
         TRACE0( "corrupt registration of client " << name << ": " << e.what() );
     } );
-    Ptr<ClientSm> sm(
-        new ClientSm( name, client, entityMgr_, v4AllClientInfo_, v6AllClientInfo_ ) );
+    Ptr<ClientSm> sm( new ClientSm( name, client, entityMgr_, v4AllClientInfo_,
+                                    v6AllClientInfo_, clientRefusals_ ) );
     clientSm_[name] = sm;
     sm->handleInitialized();
 }
@@ -131,6 +186,7 @@ void ClientDirSm::clientSmDel( const std::string& name ) {
     const Ptr<ClientSm> sm = std::move( it->second );
     clientSm_.erase( it );
     sm->doPrepareToDie();
+    clientRefusals_->clientDel( name );
     entityMgr_.entityDel( clientPath( name ) );
 }
 

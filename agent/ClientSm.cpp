@@ -12,13 +12,15 @@ using Platform::Ptr;
 ClientSm::ClientSm( std::string name, Ptr<Client> client,
                     Platform::EntityManager& entityMgr,
                     Ptr<AllClientInfo> v4AllClientInfo,
-                    Ptr<AllClientInfo> v6AllClientInfo )
+                    Ptr<AllClientInfo> v6AllClientInfo,
+                    Ptr<ClientRefusals> clientRefusals )
     : name_( std::move( name ) ),
       client_( std::move( client ) ),
       entityMgr_( entityMgr ),
       v4AllClientInfo_( std::move( v4AllClientInfo ) ),
-      v6AllClientInfo_( std::move( v6AllClientInfo ) ) {
-    CSPF_ASSERT( client_ );
+      v6AllClientInfo_( std::move( v6AllClientInfo ) ),
+      clientRefusals_( std::move( clientRefusals ) ) {
+    CSPF_ASSERT( client_ && clientRefusals_ );
     watch( client_.get(), Client::recordTag, &ClientSm::handleClientEntry );
 }
 
@@ -38,15 +40,46 @@ void ClientSm::handleClientEntry( const ClientEntry& entry ) {
 }
 
 void ClientSm::handleVrf( const L3::VrfName& vrfName ) {
+    const std::string part = "vrf " + vrfName.name();
     if ( client_->vrf( vrfName ) ) {
         if ( clientVrfSm_.count( vrfName ) ) {
             return;
         }
+        if ( clientVrfSm_.size() >= kMaxClientVrfs ) {
+            TRACE0( "refusing vrf " << vrfName << " of client " << name_
+                                    << ": a client may have at most " << kMaxClientVrfs
+                                    << " VRFs served" );
+            clientRefusals_->refusedIs( name_, part,
+                                        "beyond the " + std::to_string( kMaxClientVrfs ) +
+                                            " VRFs a client may have served",
+                                        false );
+            return;
+        }
         TRACE4( "Creating ClientVrfSm for client " << name_ << ", vrf " << vrfName );
         clientVrfSmIs( vrfName );
-    } else if ( clientVrfSm_.count( vrfName ) ) {
-        TRACE4( "Deleting ClientVrfSm for client " << name_ << ", vrf " << vrfName );
-        clientVrfSmDel( vrfName );
+        return;
+    }
+    clientRefusals_->servedIs( name_, part );
+    if ( !clientVrfSm_.count( vrfName ) ) {
+        return;
+    }
+    TRACE4( "Deleting ClientVrfSm for client " << name_ << ", vrf " << vrfName );
+    clientVrfSmDel( vrfName );
+    // Room for a VRF refused before.
+    for ( const L3::VrfName& waiting : client_->vrfs() ) {
+        if ( clientVrfSm_.size() >= kMaxClientVrfs ) {
+            break;
+        }
+        if ( !clientVrfSm_.count( waiting ) ) {
+            clientRefusals_->servedIs( name_, "vrf " + waiting.name() );
+            handleVrf( waiting );
+        }
+    }
+}
+
+void ClientSm::doRetryAttach() {
+    for ( const auto& [vrfName, sm] : std::map( clientVrfSm_ ) ) {
+        sm->doRetryAttach();
     }
 }
 
@@ -57,7 +90,8 @@ void ClientSm::clientVrfSmIs( const L3::VrfName& vrfName ) {
     // Stored before its families are taken in, so that a dump from inside
     // start-up sees it.
     Ptr<ClientVrfSm> sm( new ClientVrfSm( vrfName, name_, client_, entityMgr_,
-                                          v4AllClientInfo_, v6AllClientInfo_ ) );
+                                          v4AllClientInfo_, v6AllClientInfo_,
+                                          clientRefusals_ ) );
     clientVrfSm_[vrfName] = sm;
     sm->handleInitialized();
 }

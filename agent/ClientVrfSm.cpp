@@ -15,14 +15,16 @@ using Platform::Ptr;
 ClientVrfSm::ClientVrfSm( const L3::VrfName& vrfName, std::string clientName,
                           Ptr<Client> client, Platform::EntityManager& entityMgr,
                           Ptr<AllClientInfo> v4AllClientInfo,
-                          Ptr<AllClientInfo> v6AllClientInfo )
+                          Ptr<AllClientInfo> v6AllClientInfo,
+                          Ptr<ClientRefusals> clientRefusals )
     : vrfName_( vrfName ),
       clientName_( std::move( clientName ) ),
       client_( std::move( client ) ),
       entityMgr_( entityMgr ),
       v4AllClientInfo_( std::move( v4AllClientInfo ) ),
-      v6AllClientInfo_( std::move( v6AllClientInfo ) ) {
-    CSPF_ASSERT( client_ );
+      v6AllClientInfo_( std::move( v6AllClientInfo ) ),
+      clientRefusals_( std::move( clientRefusals ) ) {
+    CSPF_ASSERT( client_ && clientRefusals_ );
     watch( client_.get(), Client::recordTag, &ClientVrfSm::handleClientEntry );
 }
 
@@ -61,13 +63,23 @@ void ClientVrfSm::handleAddressFamily( Net::AddressFamily af ) {
         }
         TRACE4( "Grabbing dedup handle for af " << af << " client " << clientName_
                                                 << ", vrf " << vrfName_ );
-        vrfDedupHandle_[af] =
-            allClientInfo( af )->activeVrfsDedupTable()->dedupFromVrfName( vrfName_ );
+        try {
+            vrfDedupHandle_[af] =
+                allClientInfo( af )->activeVrfsDedupTable()->dedupFromVrfName( vrfName_ );
+        } catch ( const Platform::Error& e ) {
+            // The VRF could not be brought up (its topology tables, its
+            // published table): refused like tables that cannot be attached.
+            vrfDedupHandle_.erase( af );
+            doRefused( af, e );
+            return;
+        }
         TRACE4( "Creating PathSm for af " << af << " client " << clientName_ << ", vrf "
                                           << vrfName_ );
         doInitPathSm( af );
         return;
     }
+    retryAf_.erase( af );
+    clientRefusals_->servedIs( clientName_, doPart( af ) );
     if ( !vrfDedupHandle_.count( af ) ) {
         return;
     }
@@ -90,12 +102,12 @@ void ClientVrfSm::doInitPathSm( Net::AddressFamily af ) {
     } catch ( const Platform::Error& e ) {
         // A table of another type, an unsound file, another writer: this
         // client is not served in this VRF and family, every other one is.
-        TRACE0( "cannot attach the tables of client " << clientName_ << ", vrf "
-                                                      << vrfName_ << ", af " << af << ": "
-                                                      << e.what() );
         entityMgr_.entityDel( configPath );
+        doRefused( af, e );
         return;
     }
+    retryAf_.erase( af );
+    clientRefusals_->servedIs( clientName_, doPart( af ) );
     const std::string client = clientName_;
     config->corruptionHandlerIs( [client]( const Platform::Error& e ) {
         TRACE0( "corrupt request of client " << client << ": " << e.what() );
@@ -109,6 +121,37 @@ void ClientVrfSm::doInitPathSm( Net::AddressFamily af ) {
     CSPF_ASSERT( configInfo && statusInfo );
     pathSm_[af] = Platform::create<PathSm>( af, vrfName_, clientName_, config, status,
                                             configInfo, statusInfo );
+}
+
+std::string ClientVrfSm::doPart( Net::AddressFamily af ) const {
+    return "vrf " + vrfName_.name() + " " + Net::toString( af );
+}
+
+void ClientVrfSm::doRefused( Net::AddressFamily af, const Platform::Error& e ) {
+    // Short of descriptors or memory, it is tried again.
+    const bool retry = ClientRefusals::retryable( e );
+    TRACE0( "cannot attach the tables of client " << clientName_ << ", vrf " << vrfName_
+                                                  << ", af " << af << ": " << e.what()
+                                                  << ( retry ? ", retrying" : "" ) );
+    if ( retry ) {
+        retryAf_.insert( af );
+    }
+    clientRefusals_->refusedIs( clientName_, doPart( af ),
+                                std::string( "cannot attach: " ) + e.what(), retry );
+}
+
+void ClientVrfSm::doRetryAttach() {
+    const std::set<Net::AddressFamily> families = std::move( retryAf_ );
+    retryAf_.clear();
+    for ( Net::AddressFamily af : families ) {
+        if ( !vrfDedupHandle_.count( af ) ) {
+            handleAddressFamily( af );
+        } else if ( !pathSm_.count( af ) ) {
+            TRACE4( "Creating PathSm for af " << af << " client " << clientName_
+                                              << ", vrf " << vrfName_ );
+            doInitPathSm( af );
+        }
+    }
 }
 
 void ClientVrfSm::doCleanupPathSm( Net::AddressFamily af ) {
@@ -131,6 +174,11 @@ void ClientVrfSm::doCleanupPathSm( Net::AddressFamily af ) {
 }
 
 void ClientVrfSm::doPrepareToDie() {
+    retryAf_.clear();
+    for ( Net::AddressFamily af :
+          { Net::AddressFamily::ipv4, Net::AddressFamily::ipv6 } ) {
+        clientRefusals_->servedIs( clientName_, doPart( af ) );
+    }
     while ( !vrfDedupHandle_.empty() ) {
         const Net::AddressFamily af = vrfDedupHandle_.begin()->first;
         TRACE4( "Deleting PathSm for af " << af << " client " << clientName_ << ", vrf "

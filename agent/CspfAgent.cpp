@@ -180,7 +180,7 @@ void Agent::clientDirSmIs( Platform::EntityManager& entityMgr,
     clientDirSm_ = Platform::create<ClientDirSm>(
         entityMgr, std::move( clientDir ), std::move( teConfig ),
         std::move( agentStatus ), std::move( v4AllClientInfo ),
-        std::move( v6AllClientInfo ) );
+        std::move( v6AllClientInfo ), scheduler_ );
 }
 
 void Agent::cliRequestDirSmIs() {

@@ -7,6 +7,8 @@
 //  - our own broken invariant: a fatal assertion (Assert.h), never an exception.
 #pragma once
 
+#include <cerrno>
+#include <cstring>
 #include <stdexcept>
 #include <string>
 
@@ -15,6 +17,24 @@ namespace Platform {
 class Error : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
+};
+
+// A call to the system that failed (open, mmap, inotify_add_watch): a local
+// failure, with its errno.
+class SystemError : public Error {
+  public:
+    SystemError( const std::string& what, int code )
+        : Error( what + ": " + std::strerror( code ) ), code_( code ) {}
+    int code() const { return code_; }
+    // The process ran short of something that comes back (descriptors,
+    // memory, watches) or raced a file being replaced: worth a retry.
+    bool transient() const {
+        return code_ == EMFILE || code_ == ENFILE || code_ == ENOMEM || code_ == ENOSPC ||
+               code_ == ENOBUFS || code_ == EAGAIN || code_ == EINTR;
+    }
+
+  private:
+    int code_;
 };
 
 // A value outside the bounds of a bounded type ("HopIndex::value < ...").

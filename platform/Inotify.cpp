@@ -86,8 +86,7 @@ std::unique_ptr<InotifyWatch> Inotify::doWatch( const std::string& kernelPath,
     // events; the kernel mask must cover both.
     int wd = inotify_add_watch( fd_, kernelPath.c_str(), mask | IN_MASK_ADD );
     if ( wd < 0 ) {
-        throw Error( "cannot watch " + absolutePath +
-                     " with inotify: " + std::strerror( errno ) );
+        throw SystemError( "cannot watch " + absolutePath + " with inotify", errno );
     }
     auto [it, inserted] = wds_.try_emplace( wd );
     Wd& w = it->second;

@@ -174,8 +174,8 @@ inline void cpuRelax() {
     __builtin_ia32_pause();
 }
 
-std::string sysError( const std::string& what, const std::string& path ) {
-    return what + " " + path + ": " + std::strerror( errno );
+SystemError sysError( const std::string& what, const std::string& path ) {
+    return SystemError( what + " " + path, errno );
 }
 
 Header* headerOf( const ShmTableFile& f ) {
@@ -437,7 +437,7 @@ void ShmTableFile::adopt( int fd, const std::string& path, const TableLayout& la
         int e = errno;
         close();
         errno = e;
-        throw Error( sysError( "cannot stat table", path ) );
+        throw sysError( "cannot stat table", path );
     }
     if ( !S_ISREG( st.st_mode ) ) {
         close();
@@ -456,7 +456,7 @@ void ShmTableFile::adopt( int fd, const std::string& path, const TableLayout& la
         int e = errno;
         close();
         errno = e;
-        throw Error( sysError( "cannot map table", path ) );
+        throw sysError( "cannot map table", path );
     }
     base_ = static_cast<uint8_t*>( p );
     // Whoever else may open the file may also shrink it: from now on, an
@@ -656,7 +656,7 @@ void ShmTableWriter::doAttach() {
             ::openat( dir.fd(), where_.name.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW );
         if ( fd < 0 ) {
             if ( errno != ENOENT ) {
-                throw Error( sysError( "cannot open table", path_ ) );
+                throw sysError( "cannot open table", path_ );
             }
             doRebuild( 0, 0 );  // creates the file; falls back to attach on a race
             if ( file_.isOpen() ) {
@@ -694,7 +694,8 @@ void ShmTableWriter::doAttach() {
         doRebuild( 0, 0 );
         return;
     }
-    throw Error( "table " + path_ + " keeps changing under its writer" );
+    // Replaced by other writers every time we looked: it may settle.
+    throw SystemError( "table " + path_ + " keeps changing under its writer", EAGAIN );
 }
 
 bool ShmTableWriter::doValueAt( uint32_t slot, const uint8_t** value,
@@ -768,14 +769,14 @@ void ShmTableWriter::doRebuild( uint32_t minRecords, size_t minHeap ) {
     int fd = ::openat( dir.fd(), tmp, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW,
                        mode_.fileMode );
     if ( fd < 0 ) {
-        throw Error( sysError( "cannot create table", dir.path() + "/" + tmpName ) );
+        throw sysError( "cannot create table", dir.path() + "/" + tmpName );
     }
     auto fail = [&]( const std::string& what ) {
         int e = errno;
         ::close( fd );
         unlinkat( dir.fd(), tmp, 0 );
         errno = e;
-        throw Error( sysError( what, path_ ) );
+        throw sysError( what, path_ );
     };
     if ( fchmod( fd, mode_.fileMode ) != 0 ||
          ( mode_.group >= 0 && fchown( fd, static_cast<uid_t>( -1 ),
@@ -880,7 +881,7 @@ void ShmTableWriter::doRebuild( uint32_t minRecords, size_t minHeap ) {
                 return;  // the caller attaches to the other one
             }
             errno = e;
-            throw Error( sysError( "cannot create table", path_ ) );
+            throw sysError( "cannot create table", path_ );
         }
         unlinkat( dir.fd(), tmp, 0 );
     } else {
@@ -1217,7 +1218,7 @@ bool ShmTableReader::doOpen() {
         if ( errno == ENOENT ) {
             return false;
         }
-        throw Error( sysError( "cannot open table", path_ ) );
+        throw sysError( "cannot open table", path_ );
     }
     try {
         file_.adopt( fd, path_, layout_, false );

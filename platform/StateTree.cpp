@@ -48,7 +48,7 @@ std::string printablePath( std::string_view path ) {
 }
 
 [[noreturn]] void throwOsError( const std::string& what, int err ) {
-    throw Error( what + ": " + std::strerror( err ) );
+    throw SystemError( what, err );
 }
 
 std::string join( const std::string& statePath, const std::string& name ) {

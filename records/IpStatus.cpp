@@ -322,11 +322,18 @@ void Status::doApplyIp4( const Net::IntfId& intfId, const IntfAddrs& addrs ) {
 
 void Status::doApplyIp6( const Net::IntfId& intfId,
                          const std::vector<AddrWithMask>& addrs ) {
+    Platform::Ptr<Ip6::IntfStatus> face = ip6Status_->intf( intfId );
     if ( addrs.empty() ) {
-        ip6Status_->intfDel( intfId );
+        // The last addresses went: each is told of before the face leaves,
+        // as any other address removal is.
+        if ( face ) {
+            for ( const Net::IpGenAddr& addr : face->addrColl().keys() ) {
+                face->addrDel( addr );
+            }
+            ip6Status_->intfDel( intfId );
+        }
         return;
     }
-    Platform::Ptr<Ip6::IntfStatus> face = ip6Status_->intf( intfId );
     if ( !face ) {
         face = Platform::create<Ip6::IntfStatus>( intfId );
         for ( const AddrWithMask& a : addrs ) {

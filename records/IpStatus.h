@@ -148,7 +148,8 @@ namespace Ip {
 // the addresses at once. A record that changes updates the faces in place,
 // attribute by attribute: activeAddrTag only when the active address
 // changed, one secondaryAddrTag per secondary address added, removed or
-// re-masked, one addrTag per IPv6 address likewise; the collections tell
+// re-masked, one addrTag per IPv6 address likewise, also for the last ones
+// of a record that stays, before its IPv6 face leaves; the collections tell
 // only of faces that come and go. A record that fails its checks goes to
 // the corruption handler and counts as absent; other interfaces are kept.
 class Status : public Platform::TableReader<IntfAddrsRecord> {

@@ -36,6 +36,7 @@
 #include "records/AddressFamily.h"
 #include "records/AgentStatus.h"
 #include "records/Client.h"
+#include "records/ClientStatus.h"
 #include "records/IntfId.h"
 #include "records/IpGenAddr.h"
 #include "records/PathTables.h"
@@ -261,6 +262,14 @@ int clientShow( Args args, const std::string& root ) {
                  agent && agent->run() == AgentRun::running && agent->agentEnabled()
                      ? "yes"
                      : "no" );
+    // Why the agent does not serve the client, or some of its tables.
+    auto refusals = readerOf<ClientStatusReader>( tree, kClientStatusPath, problems );
+    const std::string why = refusals ? refusals->get( name ) : std::string();
+    for ( size_t at = 0; at < why.size(); ) {
+        const size_t end = std::min( why.find( '\n', at ), why.size() );
+        std::printf( "not served: %s\n", why.substr( at, end - at ).c_str() );
+        at = end + 1;
+    }
     return problems.status();
 }
 

@@ -127,9 +127,20 @@ void ConstraintInfoSm::handleThrottleTimeout() {
     // Cleared before the results go out, so that a request raised while
     // they are published waits for the next window instead of being lost.
     constraintStats_->cspfScheduledIs( false );
-    doRunCspf();
+    const bool ran = doRunCspf();
     constraintStats_->cspfLastRanAtIs( Platform::now() );
     constraintStats_->cspfCountInc( 1 );
+    if ( !ran ) {
+        // The paths still wait for their results, and nothing else will
+        // ask again for them: the run stays scheduled, backing off as under
+        // churn, until one succeeds.
+        // At least the hold wait and a millisecond: waits of 0 must not
+        // make a record that stays bad a busy loop.
+        constraintStats_->cspfCurrentDelayIs( std::min(
+            std::max( { 2 * constraintStats_->cspfCurrentDelay(), holdInt_, 1.0 } ),
+            maxInt_ ) );
+        constraintStats_->cspfScheduledIs( true );
+    }
     const double delay = constraintStats_->cspfCurrentDelay();
     timerTask_->scheduleTaskDelay( delay / 1000.0 );
     TRACE4( "CSPF backoff timer started for constraint: " << constraint << " with delay "
@@ -137,32 +148,34 @@ void ConstraintInfoSm::handleThrottleTimeout() {
     TRACE4( "run cspf, cspfRequestCount " << constraintInfo_->cspfRequestCount() );
 }
 
-void ConstraintInfoSm::doRunCspf() {
-    const Platform::Ptr<CspfData> cspfData = cspfDataFactory(
-        allTopoDbView_, allTopoDbView_->allTopoDbStatus()->ourTeRouterId() );
-    for ( const auto& path : constraintInfo_->pathColl() ) {
-        // Not a structured binding: clang 14 cannot capture one in a trace.
-        const auto& key = path.first;
-        TRACE5( "adding " << key.pathKey().destination
-                          << " to CspfData::tep collection" );
-        cspfData->tepIs( key.pathKey().destination, true );
-    }
-    if ( !cspfData->teps() ) {
-        // The paths left while the run waited: nothing to compute.
-        TRACE4( "no path uses constraint " << doPathConstraint()
-                                           << ", not running CSPF" );
-        return;
-    }
+bool ConstraintInfoSm::doRunCspf() {
+    Platform::Ptr<CspfData> cspfData;
     try {
+        cspfData = cspfDataFactory( allTopoDbView_,
+                                    allTopoDbView_->allTopoDbStatus()->ourTeRouterId() );
+        for ( const auto& path : constraintInfo_->pathColl() ) {
+            // Not a structured binding: clang 14 cannot capture one in a trace.
+            const auto& key = path.first;
+            TRACE5( "adding " << key.pathKey().destination
+                              << " to CspfData::tep collection" );
+            cspfData->tepIs( key.pathKey().destination, true );
+        }
+        if ( !cspfData->teps() ) {
+            // The paths left while the run waited: nothing to compute.
+            TRACE4( "no path uses constraint " << doPathConstraint()
+                                               << ", not running CSPF" );
+            return true;
+        }
         cspfRunFactory( cspfData );
     } catch ( const Platform::Error& e ) {
         // A topology record refused while read (a corrupt router): the
-        // paths keep their results until the records change again.
+        // paths keep their results until a later run succeeds.
         TRACE0( "CSPF run failed for constraint " << doPathConstraint() << ": "
-                                                  << e.what() );
-        return;
+                                                  << e.what() << ", retrying" );
+        return false;
     }
     updatePathStatusCache( *cspfData );
+    return true;
 }
 
 void ConstraintInfoSm::updatePathStatusCache( const CspfData& cspfData ) {

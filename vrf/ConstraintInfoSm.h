@@ -6,7 +6,8 @@
 //                             back to the initial wait
 //  - handleCspfRequestCount   a path of the constraint wants a computation:
 //                             arm the timer, or grow the back-off
-//  - handleThrottleTimeout    the timer fired: run CSPF and re-arm, or stop
+//  - handleThrottleTimeout    the timer fired: run CSPF and re-arm, or stop;
+//                             a run that failed stays scheduled and backs off
 //  - updatePathStatusCache    each path's hops into its PathStatusCache,
 //                             which wakes its publisher
 //
@@ -100,7 +101,9 @@ class ConstraintInfoSm : public Platform::Reactor, public Platform::Notifier {
     void dumpState( Platform::DumpContext& context, unsigned indent ) const;
 
   private:
-    void doRunCspf();
+    // False when building or running the computation failed: the paths got
+    // nothing and wait for a retry.
+    bool doRunCspf();
     PathConstraint doPathConstraint() const;
 
     const Platform::Ptr<ConstraintInfo> constraintInfo_;

@@ -6,6 +6,7 @@
 //             r1 ------ 30 ------ r3
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -21,10 +22,12 @@
 #include "platform/StateTree.h"
 #include "records/AgentStatus.h"
 #include "records/Client.h"
+#include "records/ClientStatus.h"
 #include "records/CspfCliConfig.h"
 #include "records/IpStatus.h"
 #include "records/PathTables.h"
 #include "records/TeConfig.h"
+#include "tests/support/Sanitizers.h"
 #include "tests/support/ScenarioTopology.h"
 #include "tests/support/TempDir.h"
 #include "tools/TopologyLoad.h"
@@ -47,11 +50,11 @@ const Net::AddressFamily v4 = Net::AddressFamily::ipv4;
 const Net::AddressFamily v6 = Net::AddressFamily::ipv6;
 const L3::VrfName kDefault;
 
-// A client agent as the agent sees it: its registration and, per VRF, its
-// IPv4 request table.
+// A client agent as the agent sees it: its registration and its request
+// tables by VRF and family.
 struct TestClient {
     Ptr<ClientWriter> registration;
-    std::map<std::string, Ptr<ConfigWriter>> requests;
+    std::map<std::pair<std::string, Net::AddressFamily>, Ptr<ConfigWriter>> requests;
 };
 
 class AgentScenarioTest : public ::testing::Test {
@@ -101,11 +104,12 @@ class AgentScenarioTest : public ::testing::Test {
         tree_.removeTable( clientPath( name ) );
     }
     void request( const std::string& name, const L3::VrfName& vrf, const char* dst,
-                  uint32_t id, const char* exclude = "" ) {
-        auto& writer = clients_[name].requests[vrf.name()];
+                  uint32_t id, const char* exclude = "",
+                  Net::AddressFamily af = Net::AddressFamily::ipv4 ) {
+        auto& writer = clients_[name].requests[{ vrf.name(), af }];
         if ( !writer ) {
             writer = create<ConfigWriter>( tree_, nullptr,
-                                           pathConfigTablePath( vrf, v4, name ) );
+                                           pathConfigTablePath( vrf, af, name ) );
         }
         writer->pathConfigIs( PathConfig( PathKey( IpGenAddr( dst ), id ), 1, true,
                                           PathConstraint( Net::IntfId( exclude ) ) ) );
@@ -128,6 +132,25 @@ class AgentScenarioTest : public ::testing::Test {
     }
     Ptr<CspfRoot> root( Net::AddressFamily af ) {
         return af == v4 ? agent_->v4CspfRoot() : agent_->v6CspfRoot();
+    }
+    // What te/cspf/clientStatus says of a client; "" when it is served.
+    std::string whyNotServed( const std::string& name ) {
+        if ( !tree_.exists( kClientStatusPath ) ) {
+            return "<no table>";
+        }
+        return create<ClientStatusReader>( tree_, nullptr, kClientStatusPath )
+            ->get( name );
+    }
+    // The CSPF runs of every constraint of a VRF in a family.
+    uint32_t runs( Net::AddressFamily af, const L3::VrfName& vrf ) {
+        uint32_t n = 0;
+        for ( const auto& [handle, stats] : root( af )
+                                                ->vrfRoot( vrf )
+                                                ->constraintStatsTable()
+                                                ->constraintStatsColl() ) {
+            n += stats->cspfCount();
+        }
+        return n;
     }
     std::string command( const std::string& handler, const std::string& text ) {
         const int fd = memfd_create( "answer", 0 );
@@ -186,7 +209,7 @@ TEST_F( AgentScenarioTest, EnablesWithTheFirstClientAndServesItsRequests ) {
     EXPECT_EQ( got[0].refreshRespSeq, 1u );
 
     // A request removed takes its result with it.
-    clients_["te1"].requests[kDefault.name()]->pathConfigDel(
+    clients_["te1"].requests[{ kDefault.name(), v4 }]->pathConfigDel(
         PathKey( IpGenAddr( "10.0.0.3" ), 2 ) );
     settle();
     ASSERT_EQ( results( "te1", kDefault ).size(), 1u );
@@ -265,11 +288,18 @@ TEST_F( AgentScenarioTest, StartUpRemovesResultTablesNoClientListsAnyMore ) {
 
 TEST_F( AgentScenarioTest, BadClientsAreSkippedAndTheOthersServed ) {
     start();
-    // A name that cannot be a path component of ours, and a request table
-    // that is not one.
+    // Entries that are no clients: a name that cannot be a path component
+    // of ours, and a table of another type. They do not enable the agent.
     tree_.makeDirectory( kClientDirPath );
     std::ofstream( tree_.directoryPath( kClientDirPath ) + "/" + std::string( 120, 'x' ) )
         << "CSPFTBL1";
+    create<ConfigWriter>( tree_, nullptr, clientPath( "junk" ) );
+    settle();
+    EXPECT_FALSE( agentEnabled() );
+    EXPECT_EQ( whyNotServed( "junk" ).rfind( "not a client: ", 0 ), 0u );
+
+    // A client whose request table is not one is served elsewhere, and
+    // counts.
     {
         tree_.makeParents( pathConfigTablePath( kDefault, v4, "bad" ) );
         std::ofstream( tree_.filePath( pathConfigTablePath( kDefault, v4, "bad" ) ) )
@@ -282,7 +312,147 @@ TEST_F( AgentScenarioTest, BadClientsAreSkippedAndTheOthersServed ) {
     EXPECT_TRUE( agentEnabled() );
     EXPECT_FALSE(
         agent_->clientDirSm()->clientSm( "bad" )->clientVrfSm( kDefault )->pathSm( v4 ) );
+    EXPECT_EQ( whyNotServed( "bad" ).rfind( "vrf default ipv4: cannot attach: ", 0 ),
+               0u );
+    EXPECT_EQ( whyNotServed( "te1" ), "" );
     EXPECT_EQ( results( "te1", kDefault ).size(), 1u );
+
+    // The clients leave; the junk does not keep the agent enabled.
+    unregisterClient( "te1" );
+    unregisterClient( "bad" );
+    settle();
+    EXPECT_FALSE( agentEnabled() );
+    EXPECT_EQ( whyNotServed( "bad" ), "" );
+}
+
+// Out of descriptors, a client's registration, its tables or its VRF cannot
+// be attached or brought up: retried with the back-off, the client is served
+// once descriptors are free again.
+TEST_F( AgentScenarioTest, ClientsRefusedForALocalReasonAreRetried ) {
+    if ( TestKit::kSanitized ) {
+        GTEST_SKIP() << "the sanitizers' runtime needs descriptors of its own";
+    }
+    const L3::VrfName red( "red" );
+    TopoFile::loadIntoTree( kTopology, tree_, red );
+    start();
+    registerClient( "te1", kDefault );
+    request( "te1", kDefault, "10.0.0.3", 1 );
+    settle( 50 );
+    // The agent hears what was written with `left` descriptors to spare.
+    const auto settleStarved = [&]( int left ) {
+        rlimit saved;
+        ASSERT_EQ( getrlimit( RLIMIT_NOFILE, &saved ), 0 );
+        const int spare = dup( 0 );
+        close( spare );
+        rlimit tight = saved;
+        tight.rlim_cur = static_cast<rlim_t>( spare + left );
+        ASSERT_EQ( setrlimit( RLIMIT_NOFILE, &tight ), 0 );
+        settle();
+        ASSERT_EQ( setrlimit( RLIMIT_NOFILE, &saved ), 0 );
+    };
+    // te2's registration takes the one left, its tables find none; te3's
+    // VRF cannot be brought up; te4's registration cannot be attached.
+    const std::map<std::string, L3::VrfName> vrfOf{
+        { "te2", kDefault }, { "te3", red }, { "te4", kDefault } };
+    for ( const auto& [name, vrf] : vrfOf ) {
+        registerClient( name, vrf );
+        request( name, vrf, "10.0.0.3", 1 );
+        settleStarved( name == "te4" ? 0 : 1 );
+    }
+    const auto& dir = *agent_->clientDirSm();
+    EXPECT_TRUE( dir.clientSm( "te2" ) && dir.clientSm( "te3" ) &&
+                 !dir.clientSm( "te4" ) );
+    EXPECT_EQ( root( v4 )->vrfRoots(), 1u );
+    for ( const auto& [name, part] : std::map<std::string, std::string>{
+              { "te2", "vrf default ipv4: cannot attach: " },
+              { "te3", "vrf red ipv4: cannot attach: " },
+              { "te4", "cannot attach: " } } ) {
+        const std::string why = whyNotServed( name );
+        EXPECT_EQ( why.rfind( part, 0 ), 0u ) << why;
+        EXPECT_NE( why.find( "Too many open files (retrying)\n" ), std::string::npos )
+            << why;
+        EXPECT_TRUE( results( name, vrfOf.at( name ) ).empty() ) << name;
+    }
+    EXPECT_TRUE( agentEnabled() );
+    EXPECT_EQ( results( "te1", kDefault ).size(), 1u );
+
+    settle( 1000 );  // the back-off's first wait
+    settle( 50 );
+    for ( const auto& [name, vrf] : vrfOf ) {
+        EXPECT_EQ( results( name, vrf ).size(), 1u ) << name;
+        EXPECT_EQ( whyNotServed( name ), "" ) << name;
+    }
+    EXPECT_FALSE( dir.clientRefusals()->retryScheduled() );
+}
+
+// One client has at most 64 VRFs served; the others wait for room, and
+// nothing else is affected.
+TEST_F( AgentScenarioTest, AClientHasAtMost64VrfsServed ) {
+    start();
+    registerClient( "te1", kDefault );
+    registerClient( "te2", kDefault );
+    request( "te2", kDefault, "10.0.0.3", 1 );
+    for ( int i = 0; i < 65; ++i ) {
+        registerClient( "te1", L3::VrfName( "v" + std::to_string( 100 + i ) ) );
+    }
+    settle( 50 );
+    const auto te1 = agent_->clientDirSm()->clientSm( "te1" );
+    EXPECT_EQ( te1->clientVrfSms(), ClientSm::kMaxClientVrfs );
+    const std::regex refused(
+        "vrf (v1[0-9][0-9]): beyond the 64 VRFs a client may have "
+        "served\n" );
+    std::smatch first;
+    std::string why = whyNotServed( "te1" );
+    ASSERT_TRUE( std::regex_search( why, first, refused ) ) << why;
+    EXPECT_EQ( std::regex_replace( why, refused, "" ), "" ) << why;
+    EXPECT_EQ( why.size(), 2 * first.length() ) << why;
+    EXPECT_EQ( results( "te2", kDefault ).size(), 1u );
+    // A served one goes: the first refused one, in name order, is taken in.
+    const L3::VrfName admitted( first[1].str() );
+    L3::VrfName served( "v100" );
+    while ( !te1->clientVrfSm( served ) ) {
+        served = L3::VrfName(
+            "v" + std::to_string( std::stoi( served.name().substr( 1 ) ) + 1 ) );
+    }
+    clients_["te1"].registration->vrfDel( served );
+    settle();
+    EXPECT_TRUE( te1->clientVrfSm( admitted ) );
+    EXPECT_EQ( te1->clientVrfSms(), ClientSm::kMaxClientVrfs );
+    why = whyNotServed( "te1" );
+    EXPECT_TRUE( std::regex_match( why, refused ) ) << why;
+    EXPECT_EQ( why.find( admitted.name() + ":" ), std::string::npos ) << why;
+}
+
+// Losing its last address, in either family, changes what an excluded
+// interface excludes: the constraints that exclude it compute again.
+TEST_F( AgentScenarioTest, AnExcludedInterfaceLosingItsLastAddressRecomputes ) {
+    const Net::IntfId eth1( "Ethernet1" );
+    Ip::IntfAddrs addrs;
+    addrs.active = { IpGenAddr( "10.1.12.0" ), 31 };
+    addrs.ip6 = { { IpGenAddr( "2001:db8:12::" ), 127 } };
+    ipWriter_->intfAddrsIs( eth1, addrs );
+    start();
+    registerClient( "te1", kDefault, { v4, v6 } );
+    request( "te1", kDefault, "10.0.0.3", 1, "Ethernet1" );
+    request( "te1", kDefault, "2001:db8::3", 1, "Ethernet1", v6 );
+    settle( 1000 );
+    EXPECT_EQ( hopsOf( results( "te1", kDefault ).at( 0 ) ), "10.1.13.1" );
+    const uint32_t v4Runs = runs( v4, kDefault ), v6Runs = runs( v6, kDefault );
+    ASSERT_GT( v6Runs, 0u );
+
+    addrs.ip6.clear();
+    ipWriter_->intfAddrsIs( eth1, addrs );
+    settle( 1000 );
+    EXPECT_EQ( runs( v6, kDefault ), v6Runs + 1 );
+    EXPECT_EQ( runs( v4, kDefault ), v4Runs );
+
+    addrs.active = { IpGenAddr::v4( 0 ), 0 };
+    ipWriter_->intfAddrsIs( eth1, addrs );
+    settle( 1000 );
+    EXPECT_EQ( runs( v4, kDefault ), v4Runs + 1 );
+    // Nothing left to exclude: the shorter way through Ethernet1.
+    EXPECT_EQ( hopsOf( results( "te1", kDefault ).at( 0 ) ), "10.1.12.1 10.1.23.1" );
+    EXPECT_EQ( runs( v6, kDefault ), v6Runs + 1 );
 }
 
 TEST_F( AgentScenarioTest, DiagnosticCommandsAnswerAsDocumented ) {

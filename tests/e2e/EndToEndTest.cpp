@@ -2,8 +2,10 @@
 // through libcspfclient (some in processes of their own), and cspfctl as the
 // IS-IS side and the operator, all over one fresh tree per test.
 #include <cspf/Client.h>
+#include <dirent.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -21,6 +23,7 @@
 #include "records/PathTables.h"
 #include "tests/support/Child.h"
 #include "tests/support/CspfdProcess.h"
+#include "tests/support/Sanitizers.h"
 #include "tests/support/TempDir.h"
 
 using TestKit::eventually;
@@ -458,4 +461,53 @@ TEST_F( EndToEndTest, AnUnreadableTeConfigDisablesTheAgentUntilRewritten ) {
     EXPECT_TRUE( eventually(
         [&] { return servedAsBuilt( *client ) && agent_->runCount() >= 2; } ) )
         << agent_->command( "DUMP_CSPF_STATE" );
+}
+
+// The agent out of file descriptors cannot attach a new client; it says why
+// and retries, and serves the client once descriptors are free again.
+TEST_F( EndToEndTest, AClientRefusedForWantOfDescriptorsIsServedWhenTheyComeBack ) {
+    if ( TestKit::kSanitized ) {
+        GTEST_SKIP() << "the sanitizers' runtime needs descriptors of its own";
+    }
+    auto client = te1();
+    ASSERT_TRUE( eventually( [&] { return servedAsBuilt( *client ); } ) );
+    const auto show = [&] {
+        return TestKit::runShell( std::string( CSPFCTL_PATH ) + " --root " + dir_.path() +
+                                  " client show te2" )
+            .out;
+    };
+
+    // No descriptor left to cspfd: the lowest free one is beyond its limit.
+    std::set<int> open;
+    const std::string fds = "/proc/" + std::to_string( agent_->pid() ) + "/fd";
+    DIR* d = opendir( fds.c_str() );
+    ASSERT_TRUE( d );
+    while ( const dirent* e = readdir( d ) ) {
+        open.insert( std::atoi( e->d_name ) );
+    }
+    closedir( d );
+    int lowest = 0;
+    while ( open.count( lowest ) ) {
+        ++lowest;
+    }
+    rlimit saved;
+    rlimit tight{ static_cast<rlim_t>( lowest ), 0 };
+    ASSERT_EQ( prlimit( agent_->pid(), RLIMIT_NOFILE, nullptr, &saved ), 0 );
+    tight.rlim_max = saved.rlim_max;
+    ASSERT_EQ( prlimit( agent_->pid(), RLIMIT_NOFILE, &tight, nullptr ), 0 );
+
+    cspf::Client te2( "te2", dir_.path() );
+    te2.requestIs( kTable, request( "10.0.0.6", 1 ) );
+    EXPECT_TRUE( eventually( [&] {
+        return show().find( "not served: cannot attach: " ) != std::string::npos;
+    } ) )
+        << show();
+    EXPECT_NE( show().find( "Too many open files (retrying)\n" ), std::string::npos )
+        << show();
+
+    ASSERT_EQ( prlimit( agent_->pid(), RLIMIT_NOFILE, &saved, nullptr ), 0 );
+    EXPECT_TRUE( eventually( [&] { return hops( te2, "10.0.0.6", 1 ) == kToR6; } ) )
+        << show();
+    EXPECT_EQ( show().find( "not served" ), std::string::npos ) << show();
+    EXPECT_TRUE( servedAsBuilt( *client ) );
 }

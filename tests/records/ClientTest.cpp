@@ -5,6 +5,7 @@
 #include "platform/Error.h"
 #include "records/AgentStatus.h"
 #include "records/Client.h"
+#include "records/ClientStatus.h"
 #include "tests/support/TempDir.h"
 
 using namespace Cspf;
@@ -62,4 +63,36 @@ TEST( Client, BadEntriesAndNamesAreRefused ) {
         "te/cspf/config/vrf/red/ipv6/rsvp" );
     EXPECT_EQ( pathStatusTablePath( L3::VrfName(), Net::AddressFamily::ipv4, "rsvp" ),
                "te/cspf/status/vrf/default/ipv4/rsvp" );
+}
+
+// Why a client is not served: one line per part, cut to fit, and records no
+// agent would write refused on reading.
+TEST( Client, StatusSaysWhyAndRefusesWhatNoAgentWrites ) {
+    std::vector<uint8_t> out;
+    ClientStatusRecord::encodeValue( std::string( 5000, 'x' ), out );
+    ASSERT_EQ( out.size(), ClientStatusRecord::maxValueSize );
+    EXPECT_EQ( std::string( out.end() - 4, out.end() ), "...\n" );
+    const uint8_t nul[3] = { 'a', 0, 'b' };
+    EXPECT_THROW( ClientStatusRecord::decodeValue( nul, 3 ),
+                  Platform::DeserializationError );
+    uint8_t key[ClientStatusRecord::keySize] = {};
+    EXPECT_THROW( ClientStatusRecord::decodeKey( key ), Platform::DeserializationError );
+    ClientStatusRecord::encodeKey( "rsvp", key );
+    EXPECT_EQ( ClientStatusRecord::decodeKey( key ), "rsvp" );
+    key[7] = 'x';  // after the name's end
+    EXPECT_THROW( ClientStatusRecord::decodeKey( key ), Platform::DeserializationError );
+
+    TestKit::TempTree tmp( "clientstatustest" );
+    auto writer =
+        Platform::create<ClientStatusWriter>( tmp.tree, nullptr, kClientStatusPath );
+    auto reader =
+        Platform::create<ClientStatusReader>( tmp.tree, nullptr, kClientStatusPath );
+    writer->reasonIs( "rsvp", "vrf red ipv4", "cannot attach: x" );
+    writer->reasonIs( "rsvp", "", "not a client" );
+    reader->sync();
+    EXPECT_EQ( reader->get( "rsvp" ), "not a client\nvrf red ipv4: cannot attach: x\n" );
+    writer->reasonDel( "rsvp", "" );
+    writer->reasonDel( "rsvp", "vrf red ipv4" );
+    reader->sync();
+    EXPECT_FALSE( reader->has( "rsvp" ) );
 }

@@ -22,6 +22,7 @@
 #include "platform/EventLoop.h"
 #include "records/AgentStatus.h"
 #include "records/Client.h"
+#include "records/ClientStatus.h"
 #include "records/CspfCliConfig.h"
 #include "records/PathTables.h"
 #include "records/TeConfig.h"
@@ -318,6 +319,13 @@ TEST( CspfctlTest, RequestsReachTheClientsTablesAsTheAgentReadsThem ) {
     EXPECT_EQ( ctl( root, "client show rsvp" ).out,
                "client rsvp\nvrfs red\nfamilies ipv4\nvrf red ipv4: 0 requests, 0 "
                "results\nagentEnabled no\n" );
+    // Why the agent does not serve it, as the agent publishes it.
+    Platform::create<Cspf::ClientStatusWriter>( t.tree, nullptr, Cspf::kClientStatusPath )
+        ->reasonIs( "rsvp", "vrf red ipv4", "cannot attach: no room (retrying)" );
+    EXPECT_NE( ctl( root, "client show rsvp" )
+                   .out.find( "agentEnabled no\nnot served: vrf red ipv4: cannot attach: "
+                              "no room (retrying)\n" ),
+               std::string::npos );
     EXPECT_EQ( ctl( root, "status rsvp" ).out, "" );
     EXPECT_FALSE( t.tree.exists( "te/cspf/status" ) );
     ASSERT_EQ(

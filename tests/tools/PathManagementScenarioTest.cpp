@@ -1,6 +1,6 @@
 // Path management of one VRF end to end, on the manual clock (VrfScenario):
 // throttling, equal-cost hops, constraint and refresh changes, start-up over
-// old results and interface addresses.
+// old results, interface addresses and runs that fail.
 //
 //   r1 (source) --E1-- r2 --E2-- r4      all metrics 10; r4 is reached at
 //   r1 --E2-- r3 --E2-- r4               equal cost through r2 or r3
@@ -8,10 +8,13 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 
 #include "tests/support/DumpText.h"
 #include "tests/support/ScenarioTopology.h"
+#include "tests/support/ShmTableKit.h"
 #include "tests/support/VrfScenario.h"
+#include "topo/TopoDb.h"
 
 using namespace Cspf;
 using Net::IpGenAddr;
@@ -29,7 +32,7 @@ const std::string kTopology = TestKit::ScenarioTopology()
                                   .json();
 
 // Link indexes in kTopology.
-constexpr size_t kR3R4 = 3, kR1R5 = 4;
+constexpr size_t kR1R2 = 0, kR3R4 = 3, kR1R5 = 4;
 
 const IpGenAddr r2( "10.0.0.2" ), r4( "10.0.0.4" ), r5( "10.0.0.5" );
 
@@ -49,6 +52,22 @@ class PathManagementScenarioTest : public TestKit::VrfScenario {
     Ptr<ConstraintInfo> constraintOf( const PathInfoKey& key ) {
         auto info = root->pathStatusInfoTable()->pathStatusInfo( key );
         return root->constraintInfoTable()->constraintInfo( info->constraint().get() );
+    }
+    // Rewrites in place, unannounced, the neighbor count of our own router's
+    // record: what a run reads when the IS-IS side writes under it.
+    void ourNeighborCountIs( uint32_t from, uint32_t to ) {
+        const std::string file =
+            tree.filePath( Routing::Topology::topoDbPath( 2, vrf ) + "/router" );
+        const std::vector<uint8_t> bytes = TestKit::readFile( file );
+        const IpGenAddr ours( "10.0.0.1" );
+        size_t patched = 0;
+        for ( size_t at = 0; at + 28 <= bytes.size(); ++at ) {
+            if ( std::memcmp( bytes.data() + at, &ours, sizeof( ours ) ) == 0 &&
+                 TestKit::load<uint32_t>( bytes, at + 24 ) == from ) {
+                patched += TestKit::patchFile( file, at + 24, &to, sizeof( to ) );
+            }
+        }
+        ASSERT_EQ( patched, 1u );
     }
     // Steps a millisecond at a time until the constraint of `key` runs again;
     // the milliseconds since the call.
@@ -262,4 +281,39 @@ TEST_F( PathManagementScenarioTest,
     metricIs( kR3R4, 15 );
     EXPECT_EQ( constraintOf( plain )->topoChangedAt(), Platform::now() );
     EXPECT_EQ( constraintOf( e3 )->topoChangedAt(), Platform::now() );
+}
+
+// A run that reads a corrupt record fails; it is retried with the back-off
+// until one succeeds, and the path is then served.
+TEST_F( PathManagementScenarioTest, AFailedRunIsRetriedWithTheBackOffUntilOneSucceeds ) {
+    start();
+    const PathInfoKey key = request( r2, 1, 1 );
+    EXPECT_EQ( msToNextRun( key ), 50 );
+    EXPECT_EQ( resultHops( key ), hops( { "10.1.12.1" } ) );
+
+    // r2 is now best reached round r3 and r4, but our router reads as corrupt.
+    metricIs( kR1R2, 50 );
+    ourNeighborCountIs( 3, 501 );
+    // Failed runs, each after twice the wait of the one before.
+    std::vector<double> ranAt;
+    for ( int i = 0; i < 4; ++i ) {
+        msToNextRun( key );
+        ranAt.push_back( statsOf( key )->cspfLastRanAt() );
+    }
+    const long first = std::lround( ( ranAt[1] - ranAt[0] ) * 1000 );
+    for ( size_t i = 2; i < ranAt.size(); ++i ) {
+        EXPECT_EQ( std::lround( ( ranAt[i] - ranAt[i - 1] ) * 1000 ),
+                   std::min( first << ( i - 1 ), 1000L ) )
+            << "retry " << i;
+    }
+    EXPECT_EQ( resultHops( key ), hops( { "10.1.12.1" } ) );
+    EXPECT_EQ( result( key ).changeCount, 1u );
+
+    ourNeighborCountIs( 501, 3 );
+    msToNextRun( key );
+    EXPECT_EQ( resultHops( key ), hops( { "10.1.13.1", "10.1.34.1", "10.1.24.0" } ) );
+    EXPECT_EQ( result( key ).changeCount, 2u );
+    // Served: the throttle goes quiet again.
+    advanceMs( 2000 );
+    EXPECT_EQ( statsOf( key )->cspfScheduled(), false );
 }
