@@ -123,11 +123,14 @@ class AllTopoDbViewTest : public ::testing::Test {
         for ( const auto& [level, db] : allTopoDb_->topoDbColl() ) {
             db->sync();
         }
+        // No reactor follows these tables: the whole topology is compiled again.
+        status_->topoVersionInc();
     }
     AllTopoDbView view( const char* exclude = nullptr ) {
         if ( !ipStatus_ ) {
             ipStatus_ = create<Ip::Status>( tmp_.tree, nullptr );
         }
+        status_->topoVersionInc();
         return AllTopoDbView( allTopoDb_, status_, ipStatus_, nullptr,
                               constraintOf( exclude ) );
     }
