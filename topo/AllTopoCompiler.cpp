@@ -45,12 +45,14 @@ AllTopoCompiler::AllTopoCompiler( Platform::Ptr<AllTopoDb> allTopoDb,
     : allTopoDb_( std::move( allTopoDb ) ), allTopoDbStatus_( allTopoDbStatus ) {}
 
 const AllTopoCompiled& AllTopoCompiler::compiled() {
-    if ( !built_ || doLevelsChanged() ) {
-        rebuild();
+    // Asked at every router a run expands: the common case is two compares.
+    const bool ourMoved = !( allTopoDbStatus_->ourTeRouterId() == ourTeRouterId_ );
+    if ( built_ && allTopoDbStatus_->topoVersion() == version_ && !ourMoved ) {
         return compiled_;
     }
-    const bool ourMoved = !( allTopoDbStatus_->ourTeRouterId() == ourTeRouterId_ );
-    if ( allTopoDbStatus_->topoVersion() == version_ && !ourMoved ) {
+    // A level that comes or goes advances the version too.
+    if ( !built_ || doLevelsChanged() ) {
+        rebuild();
         return compiled_;
     }
     version_ = allTopoDbStatus_->topoVersion();
