@@ -2,23 +2,6 @@
 
 namespace Cspf {
 
-namespace {
-
-template <typename T>
-size_t capacityBytes( const std::vector<T>& v ) {
-    return v.capacity() * sizeof( T );
-}
-
-// What an unordered map holds beyond its members: the bucket array and a
-// node header per member.
-template <typename Map>
-size_t tableBytes( const Map& map ) {
-    return map.bucket_count() * sizeof( void* ) +
-           map.size() * ( sizeof( typename Map::value_type ) + 2 * sizeof( void* ) );
-}
-
-}  // namespace
-
 void AllTopoCompiled::clear() {
     routers_.clear();
     networks_.clear();

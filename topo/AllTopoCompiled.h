@@ -25,6 +25,18 @@
 
 namespace Cspf {
 
+// The heap a vector holds; what an unordered map holds beyond its members
+// (the bucket array and a node header per member). Estimates for the figures.
+template <typename T>
+size_t capacityBytes( const std::vector<T>& v ) {
+    return v.capacity() * sizeof( T );
+}
+template <typename Map>
+size_t tableBytes( const Map& map ) {
+    return map.bucket_count() * sizeof( void* ) +
+           map.size() * ( sizeof( typename Map::value_type ) + 2 * sizeof( void* ) );
+}
+
 class AllTopoCompiled {
   public:
     struct Router {

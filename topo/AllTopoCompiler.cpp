@@ -27,17 +27,6 @@ void eraseOne( std::vector<T>& v, const T& value ) {
     }
 }
 
-template <typename T>
-size_t capacityBytes( const std::vector<T>& v ) {
-    return v.capacity() * sizeof( T );
-}
-
-template <typename Map>
-size_t tableBytes( const Map& map ) {
-    return map.bucket_count() * sizeof( void* ) +
-           map.size() * ( sizeof( typename Map::value_type ) + 2 * sizeof( void* ) );
-}
-
 }  // namespace
 
 AllTopoCompiler::AllTopoCompiler( Platform::Ptr<AllTopoDb> allTopoDb,

@@ -302,11 +302,17 @@ AllTopoRouter AllTopoDbReader::router( const Net::IpGenAddr& teRouterId ) const 
         doRouterCall( teRouterId, found, false );
         return true;
     } );
-    AllTopoRouter result( found.teRouterId );
-    for ( const RouterLink& link : found.links ) {
+    return allTopoRouter( found.teRouterId, found.links, found.teps );
+}
+
+AllTopoRouter AllTopoDbReader::allTopoRouter( const Net::IpGenAddr& teRouterId,
+                                              std::span<const RouterLink> links,
+                                              std::span<const Net::IpGenAddr> teps ) {
+    AllTopoRouter result( teRouterId );
+    for ( const RouterLink& link : links ) {
         result.neighborIs( link.key );
     }
-    for ( const Net::IpGenAddr& tep : found.teps ) {
+    for ( const Net::IpGenAddr& tep : teps ) {
         result.tepIs( tep );
     }
     return result;

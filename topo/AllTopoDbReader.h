@@ -111,6 +111,10 @@ class AllTopoDbReader {
     };
     // Fills `out`, cleared first.
     void routerLinks( const Net::IpGenAddr& teRouterId, RouterLinks& out ) const;
+    // The router( teRouterId ) answer those links and end points make.
+    static AllTopoRouter allTopoRouter( const Net::IpGenAddr& teRouterId,
+                                        std::span<const RouterLink> links,
+                                        std::span<const Net::IpGenAddr> teps );
     // What hop selection needs of neighbor( key ), read in place without
     // decoding the rest of the record: the count of one of its address lists
     // and the first address of that list. `found` is false when the level or

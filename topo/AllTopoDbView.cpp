@@ -67,14 +67,7 @@ void AllTopoDbView::routerLinks( const Net::IpGenAddr& teRouterId,
 AllTopoRouter AllTopoDbView::router( const Net::IpGenAddr& teRouterId ) const {
     RouterLinks found;
     routerLinks( teRouterId, found );
-    AllTopoRouter result( found.teRouterId );
-    for ( const RouterLink& link : found.links ) {
-        result.neighborIs( link.key );
-    }
-    for ( const Net::IpGenAddr& tep : found.teps ) {
-        result.tepIs( tep );
-    }
-    return result;
+    return AllTopoDbReader::allTopoRouter( found.teRouterId, found.links, found.teps );
 }
 
 std::span<const Net::IpGenAddr> AllTopoDbView::networkRouters(

@@ -36,8 +36,10 @@ Net::IpGenAddr nexthopOnLink( const AllTopoDbView& view, const CspfLinkInfo& lin
         const AllTopoCompiled::Router* router = compiled.router( link.teNeighborOf() );
         const AllTopoDbView::RouterLink* found = nullptr;
         if ( router ) {
+            // Within its router a link is named by its level and key.
             for ( const AllTopoDbView::RouterLink& candidate : router->links.links ) {
-                if ( candidate.key == link ) {
+                if ( candidate.key.topoId() == link.topoId() &&
+                     candidate.key.neighborKey() == link.neighborKey() ) {
                     found = &candidate;
                     break;
                 }
