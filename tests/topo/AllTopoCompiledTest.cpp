@@ -20,6 +20,7 @@
 #include "root/DedupConstraint.h"
 #include "root/DedupConstraintTable.h"
 #include "tests/support/TempDir.h"
+#include "tests/support/TopoIds.h"
 #include "topo/AllTopoDbReader.h"
 #include "topo/AllTopoDbSm.h"
 #include "topo/AllTopoDbView.h"
@@ -31,6 +32,9 @@ using Mpls::RouterId;
 using Net::IpGenAddr;
 using Platform::create;
 using Platform::Ptr;
+using TestKit::sys;
+using TestKit::te;
+using TestKit::topo;
 
 namespace {
 
@@ -38,20 +42,9 @@ constexpr int kRouters = 9;  // IGP routers 1..9 share TE router ids 1..6
 constexpr int kTeIds = 6;
 constexpr int kLans = 2;
 
-RouterId sys( int n ) {
-    char text[32];
-    std::snprintf( text, sizeof( text ), "0000.0000.%04d", n );
-    return RouterId::fromSystemId( text );
-}
-IpGenAddr te( int n ) {
-    return IpGenAddr( "10.255.0." + std::to_string( n ) );
-}
 // A small pool, so that addresses cross, clash and go missing.
 IpGenAddr addr( int n ) {
     return IpGenAddr( "10.0.0." + std::to_string( n ) );
-}
-TopoId topo( int level ) {
-    return level == 1 ? TopoId::isisL1 : TopoId::isisL2;
 }
 NetworkId lanId( int n ) {
     return NetworkId( sys( n ), 1 );
