@@ -50,6 +50,10 @@
 #include "tools/TopologyFile.h"
 #include "tools/TopologyGenerate.h"
 #include "tools/TopologyImport.h"
+#include "topo/AllTopoCompiler.h"
+#include "topo/AllTopoDbSm.h"
+#include "topo/TopoDb.h"
+#include "topo/TopoDbSm.h"
 
 namespace {
 
@@ -419,6 +423,12 @@ struct Row {
     double referenceSeconds = 0;
     HeapUse heap;
     size_t mismatches = 0;
+    // The compiled topology: a build from scratch, an update after one link
+    // changed, and its bytes (with the records of what depends on what).
+    double buildSeconds = 0;
+    double updateSeconds = 0;
+    size_t compiledBytes = 0;
+    size_t indexBytes = 0;
 };
 
 std::string costText( uint64_t cost ) {
@@ -494,8 +504,37 @@ Row measure( const Case& c, double minSeconds ) {
         row.mismatches = check( c.name, ref, *data, referenceRun( ref ) );
     }
 
+    // The run reads the compiled topology, up to date after the first one.
     row.cspfSeconds =
         timeOneRun( [&] { gSink = offline.compute( {} )->shortestPaths(); }, minSeconds );
+
+    AllTopoCompiler& compiler =
+        *offline.allTopoDbStatus()->allTopoCompilerFor( offline.allTopoDb() );
+    row.compiledBytes = compiler.compiled().bytes();
+    row.indexBytes = compiler.indexBytes();
+    row.buildSeconds = timeOneRun(
+        [&] {
+            compiler.rebuild();
+            gSink = compiler.compiled().routers();
+        },
+        minSeconds );
+    // One link handled as changed by its level's reactor: the update
+    // recompiles what the link touches.
+    const auto& [level, topoDb] = *offline.allTopoDb()->topoDbColl().begin();
+    const Routing::Topology::NeighborKey link = topoDb->neighbors().begin()->first;
+    const Platform::Ptr<TopoDbSm> levelSm = offline.allTopoDbSm()->topoDbSm( level );
+    double updates = 0;
+    size_t count = 0;
+    row.updateSeconds = timeOneRun(
+        [&] {
+            levelSm->handleNeighbor( link );
+            const double start = cpuSeconds();
+            gSink = compiler.compiled().routers();
+            updates += cpuSeconds() - start;
+            ++count;
+        },
+        minSeconds );
+    row.updateSeconds = updates / double( count );
     row.referenceSeconds =
         timeOneRun( [&] { gSink = referenceRun( ref ).back(); }, minSeconds );
     return row;
@@ -523,20 +562,30 @@ void printHeader() {
     std::printf(
         "one full run from router 0, traces off; times are the thread's CPU time, "
         "medians of the mean of one run\n" );
-    std::printf( "%-30s %7s %5s %7s %7s %10s %10s %6s %11s %8s %11s  %s\n", "topology",
-                 "routers", "LANs", "edges", "reached", "cspf us", "boost us", "ratio",
-                 "data bytes", "B/router", "peak bytes", "check" );
+    std::printf(
+        "cspf us: one run with the compiled topology up to date; build ms: the compiled "
+        "topology from scratch; update us: after one link changed (mean); topo B/rtr: "
+        "compiled bytes per router (+ dependency records)\n" );
+    std::printf( "%-30s %7s %5s %7s %7s %10s %10s %6s %11s %8s %11s %9s %9s %13s  %s\n",
+                 "topology", "routers", "LANs", "edges", "reached", "cspf us", "boost us",
+                 "ratio", "data bytes", "B/router", "peak bytes", "build ms", "update us",
+                 "topo B/rtr", "check" );
 }
 
 void printRow( const std::string& name, const Row& row ) {
     const double perRouter =
         row.reached ? double( row.heap.kept ) / double( row.reached ) : 0.0;
+    const double routers = double( std::max<size_t>( row.routers, 1 ) );
+    const std::string topoBytes =
+        std::to_string( size_t( double( row.compiledBytes ) / routers ) ) + "+" +
+        std::to_string( size_t( double( row.indexBytes ) / routers ) );
     std::printf( "%-30s %7zu %5zu %7zu %7zu %10.1f %10.1f %6.1f %11" PRId64
-                 " %8.0f %11" PRId64 "  %s\n",
+                 " %8.0f %11" PRId64 " %9.1f %9.1f %13s  %s\n",
                  name.c_str(), row.routers, row.lans, row.edges, row.reached,
                  row.cspfSeconds * 1e6, row.referenceSeconds * 1e6,
                  row.cspfSeconds / row.referenceSeconds, row.heap.kept, perRouter,
-                 row.heap.peak, row.mismatches ? "MISMATCH" : "ok" );
+                 row.heap.peak, row.buildSeconds * 1e3, row.updateSeconds * 1e6,
+                 topoBytes.c_str(), row.mismatches ? "MISMATCH" : "ok" );
     std::fflush( stdout );
 }
 

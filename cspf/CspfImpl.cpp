@@ -1,5 +1,6 @@
 #include "cspf/CspfImpl.h"
 
+#include <span>
 #include <utility>
 
 #include "platform/Assert.h"
@@ -138,8 +139,7 @@ void CspfRun::doAddRouterNeighborsToTent( const CspfLinkInfo& linkInfo ) {
         CSPF_ASSERT( !sourceNode.routerInNetwork().isAddrZero() );
         routerId = sourceNode.routerInNetwork();
     }
-    // The links come with the metrics of their records, read by the same
-    // call that checked them.
+    // The links come compiled with their metrics.
     data.allTopoDbView()->routerLinks( routerId, router_ );
     for ( const AllTopoDbView::RouterLink& link : router_.links ) {
         const AllTopoNeighborKey& neighborKey = link.key;
@@ -170,9 +170,9 @@ void CspfRun::doAddRouterNeighborsToTent( const CspfLinkInfo& linkInfo ) {
 
 void CspfRun::doAddNetworkRoutersToTent( const CspfLinkInfo& linkInfo ) {
     CspfData& data = *cspfData_;
-    const AllTopoNetwork network = data.allTopoDbView()->network(
+    const std::span<const Net::IpGenAddr> routers = data.allTopoDbView()->networkRouters(
         linkInfo.cspfLinkInfoKey().allTopoNeighborKey().allTopoNetworkId() );
-    for ( const Net::IpGenAddr& router : network.router() ) {
+    for ( const Net::IpGenAddr& router : routers ) {
         CspfLinkInfoKey key = linkInfo.cspfLinkInfoKey();
         key.routerInNetworkIs( router );
         const CspfLinkInfo info( key );

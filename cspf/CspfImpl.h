@@ -48,8 +48,7 @@ class CspfRun : public Platform::RefCounted {
     void doSettleRouter( const CspfLinkInfo& linkInfo, const Net::IpGenAddr& router );
 
     const Platform::Ptr<CspfData> cspfData_;
-    // Scratch space for the view's answers, reused from router to router so
-    // that expanding one allocates nothing.
+    // The view's answer for the router expanded last.
     AllTopoDbView::RouterLinks router_;
 };
 

@@ -94,6 +94,7 @@ void AllTopoDbSm::handleTopoDb( const TopoId& key ) {
         TRACE1( "TopoDb:" << topoId << " is deleted" );
         doDelTopoDbSm( topoId );
     }
+    allTopoDbStatus_->topoVersionInc();
     doUpdateAllTopoDbStatus();
 }
 
@@ -110,6 +111,7 @@ void AllTopoDbSm::handleTeRouterId() {
     doSetOurTeRouterId();
     // The record tells of every change; only the router id moves paths.
     if ( !( allTopoDbStatus_->ourTeRouterId() == before ) ) {
+        allTopoDbStatus_->topoChangeIs( TopoChange::ourTeRouterId() );
         doUpdateAllTopoDbStatus();
     }
 }

@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/Clock.h"
+#include "topo/AllTopoCompiler.h"
 
 namespace Cspf {
 
@@ -97,6 +99,47 @@ void AllTopoDbStatus::dumpState( Platform::DumpContext& context, unsigned indent
         Platform::ObjDumpChild( map, context, indent + 2 );
     }
     Platform::ObjDumpChild( intfIpToNeighborTable_, context, indent );
+}
+
+AllTopoDbStatus::AllTopoDbStatus(
+    Platform::Ptr<IntfIpToRouterIdWriter> intfIpToRouterIdTable )
+    : intfIpToRouterIdTable_( std::move( intfIpToRouterIdTable ) ) {}
+
+AllTopoDbStatus::~AllTopoDbStatus() = default;
+
+void AllTopoDbStatus::topoChangeIs( const TopoChange& change ) {
+    ++topoVersion_;
+    if ( topoChangesLost_ ) {
+        return;
+    }
+    if ( topoChanges_.size() >= kMaxTopoChanges ) {
+        topoVersionInc();
+        return;
+    }
+    topoChanges_.push_back( change );
+}
+
+void AllTopoDbStatus::topoVersionInc() {
+    ++topoVersion_;
+    topoChanges_.clear();
+    topoChangesLost_ = true;
+}
+
+bool AllTopoDbStatus::topoChangesTake( std::vector<TopoChange>& changes ) {
+    changes.clear();
+    changes.swap( topoChanges_ );
+    const bool kept = !topoChangesLost_;
+    topoChangesLost_ = false;
+    return kept;
+}
+
+Platform::Ptr<AllTopoCompiler> AllTopoDbStatus::allTopoCompilerFor(
+    const Platform::Ptr<AllTopoDb>& allTopoDb ) {
+    if ( !allTopoCompiler_ || !( allTopoCompiler_->allTopoDb() == allTopoDb ) ) {
+        allTopoCompiler_ =
+            Platform::Ptr<AllTopoCompiler>( new AllTopoCompiler( allTopoDb, this ) );
+    }
+    return allTopoCompiler_;
 }
 
 }  // namespace Cspf

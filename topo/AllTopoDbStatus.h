@@ -7,12 +7,18 @@
 //                          claim it
 //   IntfIpToNeighborTable  interface address -> the links that list it
 //   IntfIpToNeighbor       one address of that table
+// It also counts the topology's version (every handled router, link or LAN
+// change and every change of our TE router id moves it), keeps what those
+// changes touched until the compiled topology takes them, and holds that
+// compiled topology, one per VRF.
 // The reactors keep them; this file only holds the state, and notifies per
 // key so that a reactor can follow one router or address.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <utility>
+#include <vector>
 
 #include "platform/Attribute.h"
 #include "platform/DumpContext.h"
@@ -22,9 +28,13 @@
 #include "topo/AllTopoKeys.h"
 #include "topo/IntfIpToRouterId.h"
 #include "topo/RouterId.h"
+#include "topo/TopoChange.h"
 #include "topo/TopoId.h"
 
 namespace Cspf {
+
+class AllTopoDb;
+class AllTopoCompiler;
 
 // The IS-IS routers other than the mapped one that advertise one TE router id.
 class DuplicateRouters : public Platform::Entity {
@@ -96,8 +106,8 @@ class AllTopoDbStatus : public Platform::Entity {
     // `intfIpToRouterIdTable` is the VRF's published table; tests may pass
     // null.
     explicit AllTopoDbStatus(
-        Platform::Ptr<IntfIpToRouterIdWriter> intfIpToRouterIdTable )
-        : intfIpToRouterIdTable_( std::move( intfIpToRouterIdTable ) ) {}
+        Platform::Ptr<IntfIpToRouterIdWriter> intfIpToRouterIdTable );
+    ~AllTopoDbStatus() override;
 
     const Platform::Ptr<IntfIpToRouterIdWriter>& intfIpToRouterIdTable() const {
         return intfIpToRouterIdTable_;
@@ -114,10 +124,35 @@ class AllTopoDbStatus : public Platform::Entity {
     // Stamps a change that can alter a computed path with the clock's time.
     void topoChangedAtIsNow();
 
+    // The topology's version; every handled change advances it.
+    uint64_t topoVersion() const { return topoVersion_; }
+    // Advances the version and keeps what the change touched.
+    void topoChangeIs( const TopoChange& change );
+    // Advances the version for a change too wide to name (a level came or
+    // went): everything is compiled again.
+    void topoVersionInc();
+    // Hands the changes kept since the last call over; false when some were
+    // not kept (too many, or one too wide to name), and the whole topology
+    // must be compiled again.
+    bool topoChangesTake( std::vector<TopoChange>& changes );
+
+    // The VRF's compiled topology over `allTopoDb`, made on first use (and
+    // again for another database set).
+    Platform::Ptr<AllTopoCompiler> allTopoCompilerFor(
+        const Platform::Ptr<AllTopoDb>& allTopoDb );
+
     void dumpState( Platform::DumpContext& context, unsigned indent ) const;
 
   private:
+    // Beyond this many changes since the last take, compiling everything
+    // again is as cheap as following each.
+    static constexpr size_t kMaxTopoChanges = 1 << 16;
+
     const Platform::Ptr<IntfIpToRouterIdWriter> intfIpToRouterIdTable_;
+    uint64_t topoVersion_ = 0;
+    std::vector<TopoChange> topoChanges_;
+    bool topoChangesLost_ = true;
+    Platform::Ptr<AllTopoCompiler> allTopoCompiler_;
 };
 
 }  // namespace Cspf

@@ -3,34 +3,28 @@
 // Merges the IS-IS levels into routers keyed by TE router id, hides links
 // that fail the two-way check and the transit links of overloaded routers,
 // and applies the computation's constraint (an excluded interface) to the
-// computing router's own links. Nothing is cached: every call reads the
-// level databases and the id maps afresh.
-//
-// Records are read in place from the shared-memory tables, never copied
-// whole: a router of 500 neighbor keys costs a lookup, not 18 KB of copying.
-// An IS-IS writer may change a record while a call reads it; each public
-// call checks at its end that every record it read is unchanged, and runs
-// again when one was not, so a call answers from one consistent snapshot of
-// the records it touched.
+// computing router's own links. Routers and LANs are answered from the VRF's
+// compiled topology (AllTopoCompiled), shared by every constraint and brought
+// up to date when the topology's version moved; the constraint alone is
+// applied per call, against the live interface status. Link records and the
+// two-way checks of any key are read on demand (AllTopoDbReader).
 #pragma once
 
 #include <cstdint>
-#include <utility>
+#include <span>
 #include <vector>
 
 #include "platform/Ptr.h"
-#include "platform/ShmTable.h"
-#include "records/IntfId.h"
 #include "records/IpGenAddr.h"
+#include "topo/AllTopoCompiled.h"
+#include "topo/AllTopoCompiler.h"
 #include "topo/AllTopoDb.h"
+#include "topo/AllTopoDbReader.h"
 #include "topo/AllTopoDbStatus.h"
 #include "topo/AllTopoKeys.h"
 #include "topo/AllTopoViews.h"
 #include "topo/TopoRecords.h"
 
-namespace Platform {
-class TableReaderBase;
-}
 namespace Ip {
 class Status;
 }
@@ -54,14 +48,14 @@ class AllTopoDbView {
                    Platform::Ptr<DedupConstraintLifeTimeNotifier> constraint );
     ~AllTopoDbView();
 
-    const Platform::Ptr<AllTopoDb>& allTopoDb() const { return allTopoDb_; }
+    const Platform::Ptr<AllTopoDb>& allTopoDb() const { return reader_.allTopoDb(); }
     const Platform::Ptr<AllTopoDbStatus>& allTopoDbStatus() const {
-        return allTopoDbStatus_;
+        return reader_.allTopoDbStatus();
     }
-    const Platform::Ptr<Ip::Status>& ipStatus() const { return ipStatus_; }
-    const Platform::Ptr<Ip6::Status>& ip6Status() const { return ip6Status_; }
+    const Platform::Ptr<Ip::Status>& ipStatus() const { return reader_.ipStatus(); }
+    const Platform::Ptr<Ip6::Status>& ip6Status() const { return reader_.ip6Status(); }
     const Platform::Ptr<DedupConstraintLifeTimeNotifier>& constraint() const {
-        return constraint_;
+        return reader_.constraint();
     }
 
     // The router over every level that knows it; an empty router (zero TE
@@ -73,133 +67,48 @@ class AllTopoDbView {
     AllTopoNetwork network( const AllTopoNetworkId& allTopoNetworkId ) const;
     // The link record of the key's level; a default record carrying the key
     // when the level or the record is missing.
-    Routing::Topology::Neighbor neighbor( const AllTopoNeighborKey& key ) const;
-    // The metrics of neighbor( key ), read in place without decoding the
-    // rest of the record: all zero when the record is missing or bad.
-    struct LinkMetric {
-        bool teMetricPresent = false;
-        uint32_t teMetric = 0;
-        uint32_t igpMetric = 0;
-    };
-    LinkMetric neighborMetric( const AllTopoNeighborKey& key ) const;
-
-    // What a run needs of router( teRouterId ), from one call: the same links
-    // and end points in the same order, each link with what neighborMetric
-    // gives for it, read from the record its checks read rather than looked
-    // up again. The caller owns the storage and reuses it from call to call;
-    // it carries nothing from one call to the next.
-    struct RouterLink {
-        AllTopoNeighborKey key;
-        LinkMetric metric;
-    };
-    struct RouterLinks {
-        Net::IpGenAddr teRouterId;  // zero when no level knows the router
-        std::vector<RouterLink> links;
-        std::vector<Net::IpGenAddr> teps;
-    };
-    // Fills `out`, cleared first.
-    void routerLinks( const Net::IpGenAddr& teRouterId, RouterLinks& out ) const;
-    // What hop selection needs of neighbor( key ), read in place without
-    // decoding the rest of the record: the count of one of its address lists
-    // and the first address of that list. `found` is false when the level or
-    // the record is missing or bad (a bad one is reported).
-    enum class AddrList { interfaceAddrs, neighborAddrs };
-    struct LinkFirstAddr {
-        bool found = false;
-        uint32_t count = 0;
-        Net::IpGenAddr addr;  // unset when the list is empty
-    };
-    LinkFirstAddr neighborFirstAddr( const AllTopoNeighborKey& key, AddrList list ) const;
-    // Whether the level's record of the router that advertises `neighborKey`
-    // lists it, read in place; false when the level or the record is missing.
-    bool routerListsNeighbor( TopoId topoId,
-                              const Routing::Topology::NeighborKey& neighborKey ) const;
+    Routing::Topology::Neighbor neighbor( const AllTopoNeighborKey& key ) const {
+        return reader_.neighbor( key );
+    }
     // Whether the constraint admits the link (of the computing router).
-    bool neighborAllowed( const Routing::Topology::Neighbor& neighbor ) const;
-    bool twoWayCheckPassed( const AllTopoNeighborKey& key ) const;
-    bool twoWayCheckP2P( const AllTopoNeighborKey& key ) const;
-    bool twoWayCheckLan( const AllTopoNeighborKey& key ) const;
+    bool neighborAllowed( const Routing::Topology::Neighbor& neighbor ) const {
+        return reader_.neighborAllowed( neighbor );
+    }
+    bool twoWayCheckPassed( const AllTopoNeighborKey& key ) const {
+        return reader_.twoWayCheckPassed( key );
+    }
+    bool twoWayCheckP2P( const AllTopoNeighborKey& key ) const {
+        return reader_.twoWayCheckP2P( key );
+    }
+    bool twoWayCheckLan( const AllTopoNeighborKey& key ) const {
+        return reader_.twoWayCheckLan( key );
+    }
+
+    // What a run needs of router( teRouterId ): the same links and end
+    // points in the same order, each link with its metric and the hop over
+    // it. Valid until the next call (or until the topology is compiled
+    // again, which no run does).
+    using LinkMetric = AllTopoDbReader::LinkMetric;
+    using RouterLink = AllTopoDbReader::RouterLink;
+    struct RouterLinks {
+        Net::IpGenAddr teRouterId;  // unset when no level knows the router
+        std::span<const RouterLink> links;
+        std::span<const Net::IpGenAddr> teps;
+    };
+    void routerLinks( const Net::IpGenAddr& teRouterId, RouterLinks& out ) const;
+    // What a run needs of network( id ): its routers, in the same order.
+    std::span<const Net::IpGenAddr> networkRouters( const AllTopoNetworkId& id ) const;
+
+    // The compiled topology, up to date.
+    const AllTopoCompiled& compiled() const { return compiler_->compiled(); }
+    const AllTopoDbReader& reader() const { return reader_; }
 
   private:
-    // The addresses of a link record, in place: what the two-way check and
-    // the TEPs need, without decoding the whole record. Equal addresses are
-    // equal bytes.
-    struct LinkAddrs {
-        static constexpr size_t kAddrSize = sizeof( Net::IpGenAddr );
-        const uint8_t* interfaces = nullptr;
-        uint32_t interfaceCount = 0;
-        const uint8_t* neighbors = nullptr;
-        uint32_t neighborCount = 0;
-        bool interfaceHas( const uint8_t* addr ) const;
-        // Some neighbor address of this end is an interface address of `other`.
-        bool crosses( const LinkAddrs& other ) const;
-    };
-
-    struct Read {
-        const Platform::TableReaderBase* table;
-        Platform::RecordRef ref;
-    };
-
-    // Runs one public call until it completes over records that stayed
-    // unchanged; nested calls run inside the outer one's snapshot.
-    template <typename F>
-    auto doStable( F&& call ) const;
-    bool doReadsUnchanged( size_t from ) const;
-
-    // In-place reads, each remembered for the end-of-call check. A missing
-    // record reads as absent (false).
-    // A corrupt router is refused with CorruptionError when `strict`, else
-    // reported and read as absent.
-    bool doRouter( const Routing::Topology::TopoDb& db, const Mpls::RouterId& id,
-                   Routing::Topology::RouterView* view, bool strict ) const;
-    bool doNetwork( const Routing::Topology::TopoDb& db,
-                    const Routing::Topology::NetworkId& id,
-                    Routing::Topology::NetworkView* view ) const;
-    bool doNeighbor( const Routing::Topology::TopoDb& db,
-                     const Routing::Topology::NeighborKey& key,
-                     Routing::Topology::Neighbor* neighbor ) const;
-    bool doLinkAddrs( const Routing::Topology::TopoDb& db,
-                      const Routing::Topology::NeighborKey& key, LinkAddrs* addrs ) const;
-    bool doFind( const Platform::TableReaderBase& table, bool found,
-                 const Platform::RecordRef& ref ) const;
-    // A record that failed its checks: torn by a writer (the call runs
-    // again) or corrupt (reported and rethrown as CorruptionError).
-    // Reports a record that failed its checks; false when it was torn.
-    bool doReported( const Platform::TableReaderBase& table,
-                     const Platform::RecordRef& ref, const std::exception& error ) const;
-    [[noreturn]] void doBadRecord( const Platform::TableReaderBase& table,
-                                   const Platform::RecordRef& ref,
-                                   const std::exception& error ) const;
-
-    // router() and routerLinks(); the metrics only when `metrics`.
-    void doRouterCall( const Net::IpGenAddr& teRouterId, RouterLinks& out,
-                       bool metrics ) const;
-    AllTopoNetwork doNetworkCall( const AllTopoNetworkId& allTopoNetworkId ) const;
-    // The metrics of a link record that doLinkAddrs accepted.
-    LinkMetric doLinkMetric( const Platform::TableReaderBase& table,
-                             const Platform::RecordRef& ref ) const;
-    // `listed`: the caller iterates the advertising router's own keys, so
-    // only the far side needs checking (and, point-to-point, these are the
-    // link's addresses).
-    bool doTwoWayCheckP2P( const AllTopoNeighborKey& key,
-                           const Routing::Topology::TopoDb* topoDb,
-                           const LinkAddrs* listed ) const;
-    bool doTwoWayCheckLan( const AllTopoNeighborKey& key,
-                           const Routing::Topology::TopoDb* topoDb, bool listed ) const;
-    bool doNeighborAllowedV4( const Routing::Topology::Neighbor& neighbor,
-                              const Net::IntfId& intfId ) const;
-    bool doNeighborAllowedV6( const Routing::Topology::Neighbor& neighbor,
-                              const Net::IntfId& intfId ) const;
-    const Routing::Topology::TopoDb* doTopoDb( TopoId topoId ) const;
-    const RouterIdMap* doRouterIdMap( TopoId topoId ) const;
-
-    Platform::Ptr<AllTopoDb> allTopoDb_;
-    Platform::Ptr<AllTopoDbStatus> allTopoDbStatus_;
-    Platform::Ptr<Ip::Status> ipStatus_;
-    Platform::Ptr<Ip6::Status> ip6Status_;
-    Platform::Ptr<DedupConstraintLifeTimeNotifier> constraint_;
-    mutable std::vector<Read> reads_;
-    mutable unsigned depth_ = 0;
+    const AllTopoDbReader reader_;
+    const Platform::Ptr<AllTopoCompiler> compiler_;
+    // Our router's links and end points under the constraint, per call.
+    mutable std::vector<RouterLink> constrainedLinks_;
+    mutable std::vector<Net::IpGenAddr> constrainedTeps_;
 };
 
 }  // namespace Cspf

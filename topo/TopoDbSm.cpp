@@ -182,6 +182,7 @@ void TopoDbSm::handleRouter( const RouterId& key ) {
 
 void TopoDbSm::doHandleRouter( const RouterId& key ) {
     CSPF_ASSERT( allTopoDbStatus()->routerIdMapHas( topoId() ) );
+    allTopoDbStatus_->topoChangeIs( TopoChange::router( topoId_, key ) );
     const bool present = topoDb_->routerHas( key );
     TRACE3( "for TopoDb:" << topoId_ << "), router:" << key
                           << ( present ? " is set" : " is deleted" ) );
@@ -406,6 +407,7 @@ void TopoDbSm::handleTeRouterIdChange( const IpGenAddr& teRouterId ) {
 
 void TopoDbSm::handleNeighbor( const NeighborKey& key ) {
     const Platform::Ptr<TopoDbSm> self( this );
+    allTopoDbStatus_->topoChangeIs( TopoChange::neighbor( topoId_, key ) );
     const bool present = topoDb_->neighborHas( key );
     TRACE3( "for TopoDb:" << topoId_ << "), neighbor:" << key
                           << ( present ? " is set" : " is deleted" ) );
@@ -455,6 +457,7 @@ void TopoDbSm::handleNeighbor( const NeighborKey& key ) {
 }
 
 void TopoDbSm::handleNetwork( const NetworkId& key ) {
+    allTopoDbStatus_->topoChangeIs( TopoChange::network( topoId_, key ) );
     TRACE3( "for TopoDb:" << topoId_ << "), network:" << key
                           << ( topoDb_->networkHas( key ) ? " is set" : " is deleted" ) );
     doUpdateAllTopoDbStatus();

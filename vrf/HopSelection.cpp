@@ -9,7 +9,7 @@
 #include "platform/Assert.h"
 #include "platform/Mivlog.h"
 #include "records/PathStatus.h"
-#include "topo/AllTopoDbStatus.h"
+#include "topo/AllTopoCompiled.h"
 #include "topo/TopoKeys.h"
 
 namespace Cspf {
@@ -30,38 +30,58 @@ void doCheck( bool held, const char* check, const AllTopoNeighborKey& link ) {
 Net::IpGenAddr nexthopOnLink( const AllTopoDbView& view, const CspfLinkInfo& linkInfo ) {
     const CspfLinkInfoKey& key = linkInfo.cspfLinkInfoKey();
     const AllTopoNeighborKey& link = key.allTopoNeighborKey();
-    // The in-place read refuses an address count beyond the record's array
-    // (reported as corrupt, read as missing), so the counts below are
-    // consistent with the lists.
+    const AllTopoCompiled& compiled = view.compiled();
     if ( link.neighborType() == Routing::Topology::neighborTypeRouter() ) {
-        const AllTopoDbView::LinkFirstAddr neighbor =
-            view.neighborFirstAddr( link, AllTopoDbView::AddrList::neighborAddrs );
-        doCheck( neighbor.found, "!!neighbor", link );
-        doCheck( neighbor.count != 0, "neighbor.neighborAddrs()", link );
-        return neighbor.addr;
+        // The link as compiled for the router that advertises it.
+        const AllTopoCompiled::Router* router = compiled.router( link.teNeighborOf() );
+        const AllTopoDbView::RouterLink* found = nullptr;
+        if ( router ) {
+            // Within its router a link is named by its level and key.
+            for ( const AllTopoDbView::RouterLink& candidate : router->links.links ) {
+                if ( candidate.key.topoId() == link.topoId() &&
+                     candidate.key.neighborKey() == link.neighborKey() ) {
+                    found = &candidate;
+                    break;
+                }
+            }
+        }
+        doCheck( found && !found->nbrAddrBad, "!!neighbor", link );
+        doCheck( found->nbrAddr.isSet(), "neighbor.neighborAddrs()", link );
+        return found->nbrAddr;
     }
     // Across a LAN the hop is the far router's own address on it: its link
-    // into the same LAN, at the same level.
+    // into the same LAN, at the same level, compiled with the LAN.
     const Net::IpGenAddr& routerInNetwork = key.routerInNetwork();
-    const Platform::Ptr<RouterIdMap> routerIdMap =
-        view.allTopoDbStatus()->routerIdMap( link.topoId() );
+    const AllTopoCompiled::Network* network = compiled.network( link.allTopoNetworkId() );
+    const AllTopoCompiled::LanRouter* hop = nullptr;
+    if ( network ) {
+        for ( const AllTopoCompiled::LanRouter& candidate : network->hops ) {
+            if ( candidate.teRouterId == routerInNetwork ) {
+                hop = &candidate;
+                break;
+            }
+        }
+    }
+    if ( !hop ) {
+        // The LAN lost the router since the run.
+        throw HopSelectionError( "hop selection: router " + routerInNetwork.toString() +
+                                 " is no longer on the LAN of link " + link.toString() );
+    }
     // The run reached the router through this level's id map.
-    CSPF_ASSERT_AS( routerIdMap && routerIdMap->igpRouterIdHas( routerInNetwork ),
+    CSPF_ASSERT_AS( hop->check != AllTopoCompiled::LanHopCheck::unmapped,
                     "routerIdMap->igpRouterIdHas( routerInNetwork )" );
-    const NeighborKey reverseKey = NeighborKey::toNetwork(
-        routerIdMap->igpRouterId( routerInNetwork ), link.neighborKey().networkId() );
-    const AllTopoNeighborKey reverseAllTopoNeighborKey( link.topoId(), reverseKey,
-                                                        routerInNetwork );
-    doCheck( view.routerListsNeighbor( link.topoId(), reverseKey ),
+    const AllTopoNeighborKey reverseAllTopoNeighborKey(
+        link.topoId(),
+        NeighborKey::toNetwork( hop->igpRouterId, link.neighborKey().networkId() ),
+        routerInNetwork );
+    doCheck( hop->check != AllTopoCompiled::LanHopCheck::notListed,
              "router.neighborHas( reverseAllTopoNeighborKey )",
              reverseAllTopoNeighborKey );
-    const AllTopoDbView::LinkFirstAddr neighbor = view.neighborFirstAddr(
-        reverseAllTopoNeighborKey, AllTopoDbView::AddrList::interfaceAddrs );
-    doCheck( neighbor.found, "neighbor != Routing::Topology::Neighbor()",
-             reverseAllTopoNeighborKey );
-    doCheck( neighbor.count != 0, "neighbor.interfaceAddrs()",
-             reverseAllTopoNeighborKey );
-    return neighbor.addr;
+    doCheck( hop->check != AllTopoCompiled::LanHopCheck::noRecord,
+             "neighbor != Routing::Topology::Neighbor()", reverseAllTopoNeighborKey );
+    doCheck( hop->check != AllTopoCompiled::LanHopCheck::noAddr,
+             "neighbor.interfaceAddrs()", reverseAllTopoNeighborKey );
+    return hop->hop;
 }
 
 HopSelection::HopSelection( const CspfData& cspfData )

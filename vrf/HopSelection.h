@@ -10,8 +10,8 @@
 // system never seeds, over the collection's iteration order.
 //
 // ConstraintInfoSm uses it on the agent's runs and cspfctl compute on offline
-// ones. Links are read in place through the view: a hop costs a few lookups,
-// not the decoding of a link record.
+// ones. Hops are read off the compiled topology the run read: a hop costs a
+// lookup and a short scan, no table read.
 #pragma once
 
 #include <cstdint>
@@ -26,8 +26,8 @@
 
 namespace Cspf {
 
-// A last link of the run that the topology records no longer back: the
-// IS-IS side changed them between the run and the selection, or they
+// A last link of the run that the compiled topology no longer backs: the
+// topology changed between the run and the selection, or its records
 // contradict each other (a LAN member without an address). The message
 // names the failed check and the link. The path has no usable hops.
 class HopSelectionError : public Platform::Error {

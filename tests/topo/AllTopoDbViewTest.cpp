@@ -20,6 +20,7 @@
 #include "root/DedupConstraintTable.h"
 #include "tests/support/RawRecord.h"
 #include "tests/support/TempDir.h"
+#include "tests/support/TopoIds.h"
 #include "tests/support/Traces.h"
 #include "topo/AllTopoDbView.h"
 #include "topo/TopoDb.h"
@@ -30,22 +31,14 @@ using Mpls::RouterId;
 using Net::IpGenAddr;
 using Platform::create;
 using Platform::Ptr;
+using TestKit::sys;
+using TestKit::te;
+using TestKit::topo;
 
 namespace {
 
-RouterId sys( int n ) {
-    char text[32];
-    std::snprintf( text, sizeof( text ), "0000.0000.%04d", n );
-    return RouterId::fromSystemId( text );
-}
-IpGenAddr te( int n ) {
-    return IpGenAddr( "10.255.0." + std::to_string( n ) );
-}
 IpGenAddr ip( const char* text ) {
     return IpGenAddr( text );
-}
-TopoId topo( int level ) {
-    return level == 1 ? TopoId::isisL1 : TopoId::isisL2;
 }
 
 class AllTopoDbViewTest : public ::testing::Test {
@@ -123,11 +116,14 @@ class AllTopoDbViewTest : public ::testing::Test {
         for ( const auto& [level, db] : allTopoDb_->topoDbColl() ) {
             db->sync();
         }
+        // No reactor follows these tables: the whole topology is compiled again.
+        status_->topoVersionInc();
     }
     AllTopoDbView view( const char* exclude = nullptr ) {
         if ( !ipStatus_ ) {
             ipStatus_ = create<Ip::Status>( tmp_.tree, nullptr );
         }
+        status_->topoVersionInc();
         return AllTopoDbView( allTopoDb_, status_, ipStatus_, nullptr,
                               constraintOf( exclude ) );
     }

@@ -260,6 +260,7 @@ TEST_F( HopSelectionTest, TopologiesThatCannotNameAHopAreRefusedNotFatal ) {
     }
     // 8's link to the LAN vanished between the run and the selection.
     writer_->neighborDel( NeighborKey::toNetwork( sys( 8 ), lan_ ) );
+    allTopoDb_->topoDb( TopoId::isisL2 )->sync();
     EXPECT_THROW( HopSelection( *data ).hops( te( 8 ), nullptr ), HopSelectionError );
 
     // A chain longer than a path may be: the HopIndex range error.
