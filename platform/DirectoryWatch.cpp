@@ -154,13 +154,13 @@ std::vector<std::string> DirectoryWatch::doScan( const TreeDir& directory ) cons
     std::vector<std::string> names;
     const int fd = ::fcntl( directory.fd(), F_DUPFD_CLOEXEC, 0 );
     if ( fd < 0 ) {
-        throw Error( "cannot list " + directory_ + ": " + std::strerror( errno ) );
+        throw SystemError( "cannot list " + directory_, errno );
     }
     DIR* dir = ::fdopendir( fd );
     if ( !dir ) {
         int err = errno;
         ::close( fd );
-        throw Error( "cannot list " + directory_ + ": " + std::strerror( err ) );
+        throw SystemError( "cannot list " + directory_, err );
     }
     while ( const dirent* ent = ::readdir( dir ) ) {
         if ( ent->d_name[0] != '.' ) {

@@ -19,7 +19,7 @@ namespace {
 constexpr int kDirFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 [[noreturn]] void throwOsError( const std::string& what, int err ) {
-    throw Error( what + ": " + std::strerror( err ) );
+    throw SystemError( what, err );
 }
 
 // A component that is not there as a directory: missing, a symlink or a file.

@@ -36,9 +36,11 @@ AllTopoCompiler::AllTopoCompiler( Platform::Ptr<AllTopoDb> allTopoDb,
 const AllTopoCompiled& AllTopoCompiler::compiled() {
     // Asked at every router a run expands: the common case is two compares.
     const bool ourMoved = !( allTopoDbStatus_->ourTeRouterId() == ourTeRouterId_ );
-    if ( built_ && allTopoDbStatus_->topoVersion() == version_ && !ourMoved ) {
+    if ( built_ && allTopoDbStatus_->topoVersion() == version_ && !ourMoved &&
+         !retryDue_ ) {
         return compiled_;
     }
+    retryDue_ = false;
     // A level that comes or goes advances the version too.
     if ( !built_ || doLevelsChanged() ) {
         rebuild();
@@ -51,6 +53,15 @@ const AllTopoCompiled& AllTopoCompiler::compiled() {
     }
     doUpdate( changes_ );
     return compiled_;
+}
+
+void AllTopoCompiler::refusedRetry() {
+    if ( refusedRouters_.empty() && refusedNetworks_.empty() ) {
+        return;
+    }
+    dirtyRouters_.insert( refusedRouters_.begin(), refusedRouters_.end() );
+    dirtyNetworks_.insert( refusedNetworks_.begin(), refusedNetworks_.end() );
+    retryDue_ = true;
 }
 
 bool AllTopoCompiler::doLevelsChanged() const {
@@ -77,6 +88,9 @@ void AllTopoCompiler::rebuild() {
     compiled_.clear();
     dirtyRouters_.clear();
     dirtyNetworks_.clear();
+    refusedRouters_.clear();
+    refusedNetworks_.clear();
+    retryDue_ = false;
     for ( const auto& [topoId, topoDb] : allTopoDb_->topoDbColl() ) {
         Level& level = levels_[topoId];
         level.topoDb = topoDb.get();
@@ -265,6 +279,11 @@ void AllTopoCompiler::doCompileRouter( const AllTopoDbReader& reader,
         router.links = AllTopoDbReader::RouterLinks();
         router.links.teRouterId = teRouterId;
     }
+    if ( router.error ) {
+        refusedRouters_.insert( teRouterId );
+    } else {
+        refusedRouters_.erase( teRouterId );
+    }
     if ( !router.links.teRouterId.isSet() ) {
         compiled_.routerDel( teRouterId );
         return;
@@ -284,8 +303,10 @@ void AllTopoCompiler::doCompileNetwork( const AllTopoDbReader& reader,
     } catch ( const Platform::Error& ) {
         network.error = std::current_exception();
         compiled_.networkIs( id ) = std::move( network );
+        refusedNetworks_.insert( id );
         return;
     }
+    refusedNetworks_.erase( id );
     if ( lan.allTopoNetworkId() == AllTopoNetworkId() ) {
         compiled_.networkDel( id );
         return;

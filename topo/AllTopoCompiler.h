@@ -46,6 +46,10 @@ class AllTopoCompiler : public Platform::RefCounted {
     const AllTopoCompiled& compiled();
     // Compiles everything again, whether the version moved or not.
     void rebuild();
+    // The routers and LANs whose records were refused are compiled again at
+    // the next ask, whether the version moved or not: a failed run's retry
+    // reads them anew.
+    void refusedRetry();
 
     // What the last update compiled: routers and LANs, and whether it was
     // the whole topology.
@@ -105,6 +109,10 @@ class AllTopoCompiler : public Platform::RefCounted {
     Net::IpGenAddr ourTeRouterId_;
     std::unordered_set<Net::IpGenAddr> dirtyRouters_;
     std::unordered_set<AllTopoNetworkId> dirtyNetworks_;
+    // Compiled with an error, and whether their retry is due.
+    std::unordered_set<Net::IpGenAddr> refusedRouters_;
+    std::unordered_set<AllTopoNetworkId> refusedNetworks_;
+    bool retryDue_ = false;
     std::vector<TopoChange> changes_;
     std::vector<uint8_t> buffer_;
     Stats stats_;

@@ -101,6 +101,8 @@ class AllTopoDbView {
 
     // The compiled topology, up to date.
     const AllTopoCompiled& compiled() const { return compiler_->compiled(); }
+    // After a failed run: what was refused is read anew at the next ask.
+    void refusedRetry() const { compiler_->refusedRetry(); }
     const AllTopoDbReader& reader() const { return reader_; }
 
   private:

@@ -172,6 +172,7 @@ bool ConstraintInfoSm::doRunCspf() {
         // paths keep their results until a later run succeeds.
         TRACE0( "CSPF run failed for constraint " << doPathConstraint() << ": "
                                                   << e.what() << ", retrying" );
+        allTopoDbView_->refusedRetry();
         return false;
     }
     updatePathStatusCache( *cspfData );

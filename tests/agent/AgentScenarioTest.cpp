@@ -350,14 +350,16 @@ TEST_F( AgentScenarioTest, ClientsRefusedForALocalReasonAreRetried ) {
         settle();
         ASSERT_EQ( setrlimit( RLIMIT_NOFILE, &saved ), 0 );
     };
-    // te2's registration takes the one left, its tables find none; te3's
-    // VRF cannot be brought up; te4's registration cannot be attached.
+    // With six descriptors left (the walk down the tree holds a directory
+    // at each step), te2's registration is attached and its tables find
+    // none; te3's VRF cannot be brought up; with none left, te4's
+    // registration cannot be attached.
     const std::map<std::string, L3::VrfName> vrfOf{
         { "te2", kDefault }, { "te3", red }, { "te4", kDefault } };
     for ( const auto& [name, vrf] : vrfOf ) {
         registerClient( name, vrf );
         request( name, vrf, "10.0.0.3", 1 );
-        settleStarved( name == "te4" ? 0 : 1 );
+        settleStarved( name == "te4" ? 0 : 6 );
     }
     const auto& dir = *agent_->clientDirSm();
     EXPECT_TRUE( dir.clientSm( "te2" ) && dir.clientSm( "te3" ) &&
