@@ -9,6 +9,7 @@
 // until the process exits. docs/agent-runner.md has the options,
 // the environment and the exit statuses.
 #include <dlfcn.h>
+#include <signal.h>
 
 #include <csignal>
 #include <cstdio>
@@ -151,6 +152,13 @@ int run( const Options& options, const std::string& library ) {
     // A command client that goes away mid-answer must give the handler an
     // EPIPE, not kill the agent.
     std::signal( SIGPIPE, SIG_IGN );
+    // A stop asked for before the loop watches for it stays pending instead
+    // of ending the process uncleanly (the agent status would say it died).
+    sigset_t stops;
+    sigemptyset( &stops );
+    sigaddset( &stops, SIGTERM );
+    sigaddset( &stops, SIGINT );
+    pthread_sigmask( SIG_BLOCK, &stops, nullptr );
 
     Platform::StateTree tree( options.root ? *options.root
                                            : Platform::StateTree::defaultRoot() );

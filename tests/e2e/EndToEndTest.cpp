@@ -56,6 +56,10 @@ class EndToEndTest : public ::testing::Test {
         ctl( { "intf", "set", "Ethernet1", "--ipv4", "10.1.12.0/31" } );
         ctl( { "intf", "set", "Ethernet2", "--ipv4", "10.1.13.0/31" } );
         agent_ = std::make_unique<TestKit::CspfdProcess>( CSPFD_PATH, dir_.path() );
+        // Up and answering: a stop sent before cspfd could watch for it
+        // (the sanitizers' start-up is slow) would end it unclean.
+        ASSERT_TRUE(
+            eventually( [&] { return !agent_->command( "DUMP_CSPF_STATE" ).empty(); } ) );
     }
     void TearDown() override {
         if ( agent_->running() ) {
