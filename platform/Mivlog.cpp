@@ -244,10 +244,7 @@ std::string fileNameFor( const std::string& agentName ) {
     std::string name = agentName;
     if ( !envValue( "MIVLOGDIR" ) ) {
         // Without a directory of its own, an agent shares /tmp with other runs.
-        // Appended in two steps: GCC 12 at -O3 misreads '"-" + to_string()'
-        // as an overlapping copy (-Werror=restrict).
-        name += '-';
-        name += std::to_string( ::getpid() );
+        name += "-" + std::to_string( ::getpid() );
     }
     return name + ".mv";
 }
